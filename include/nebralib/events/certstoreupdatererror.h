@@ -1,0 +1,31 @@
+// The library's own event family and the Cryptoki client's family.
+#pragma once
+
+#include "nebralib/events/genericevent.h"
+
+namespace pkcs11 {
+namespace certstoreupdater {
+
+NEBRA_DEFINE_EVENT_FAMILY(CertStoreUpdaterError, orvo::GenericEvent)
+
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_TokenNotPresent, CertStoreUpdaterError)
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_TokenNotInitialized, CertStoreUpdaterError)
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_OpenSystemStore, CertStoreUpdaterError)
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_GetCertContextPropertyFailed, CertStoreUpdaterError)
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_AddCertificateToStoreFailed, CertStoreUpdaterError)
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_SetKeyProviderInfoFailed, CertStoreUpdaterError)
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_SetCertFriendlyNameFailed, CertStoreUpdaterError)
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_SetCertVeltraneCspRefFailed, CertStoreUpdaterError)
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_DuplicateCertificatePointerFailed, CertStoreUpdaterError)
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_DuplicateCertificateMismatch, CertStoreUpdaterError)
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_DeleteCertificateFailed, CertStoreUpdaterError)
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_GetCspNameFailed, CertStoreUpdaterError)
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_InvalidFileSignature, CertStoreUpdaterError)
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_InvalidConfiguration, CertStoreUpdaterError)
+
+}  // namespace certstoreupdater
+
+NEBRA_DEFINE_EVENT_FAMILY(Pkcs11Error, orvo::GenericEvent)
+NEBRA_DEFINE_EVENT(Pkcs11Error_CryptokiError, Pkcs11Error)
+
+}  // namespace pkcs11

@@ -1,0 +1,8 @@
+// nebralib: keeps a user's certificate stores in step with the certificates on a PKCS#11 token.
+// This header declares everything the library exports.
+#pragma once
+
+#include "nebralib/buffer/buffer.h"
+#include "nebralib/buffer/codecs.h"
+#include "nebralib/events/certstoreupdatererror.h"
+#include "nebralib/events/genericevent.h"

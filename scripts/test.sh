@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# Builds and tests everything: native Linux (GCC), the same tests under AddressSanitizer + UBSan,
+# the Windows DLL cross-built with mingw-w64 with its portable tests under Wine, then the extra
+# stages in scripts/ci.d (fuzzing, end-to-end checks). Exits non-zero on the first failure.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+ROOT=$PWD
+
+bash scripts/deps.sh
+
+export NEBRA_BUILD=${NEBRA_BUILD:-$ROOT/build}
+export NEBRA_BUILD_ASAN=${NEBRA_BUILD_ASAN:-$ROOT/build-asan}
+export NEBRA_BUILD_MINGW=${NEBRA_BUILD_MINGW:-$ROOT/build-mingw}
+export NEBRA_CACHE=${NEBRA_CACHE:-$HOME/.cache/nebralib}
+WERROR=${NEBRALIB_WERROR:-ON}
+JOBS=${JOBS:-$(nproc)}
+# Wine keeps its prefix in the cache so that only the first run pays for creating it.
+export WINEPREFIX=${WINEPREFIX:-$NEBRA_CACHE/wineprefix}
+export WINEDEBUG=-all
+mkdir -p "$NEBRA_CACHE"
+
+stage() { echo; echo "=== $* ($(date +%T))"; }
+
+stage "native build"
+cmake -S . -B "$NEBRA_BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNEBRALIB_WERROR=$WERROR \
+  -DNEBRALIB_BUILD_BENCH=ON >/dev/null
+cmake --build "$NEBRA_BUILD" -j "$JOBS"
+stage "native tests"
+ctest --test-dir "$NEBRA_BUILD" --output-on-failure -j "$JOBS"
+
+stage "AddressSanitizer + UBSan build"
+cmake -S . -B "$NEBRA_BUILD_ASAN" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DNEBRALIB_WERROR=$WERROR \
+  -DNEBRALIB_SANITIZE=ON -DNEBRALIB_BUILD_TOOLS=ON >/dev/null
+cmake --build "$NEBRA_BUILD_ASAN" -j "$JOBS"
+stage "AddressSanitizer + UBSan tests"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ctest --test-dir "$NEBRA_BUILD_ASAN" --output-on-failure -j "$JOBS"
+
+stage "Windows x64 cross build (mingw-w64)"
+MINGW_ARGS=()
+if [ -f scripts/mingw-prefix.sh ]; then
+  # Prints extra CMake arguments (e.g. where a Windows build of a dependency was installed).
+  mapfile -t MINGW_ARGS < <(bash scripts/mingw-prefix.sh)
+fi
+cmake -S . -B "$NEBRA_BUILD_MINGW" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/mingw-w64.cmake -DNEBRALIB_WERROR=$WERROR \
+  "${MINGW_ARGS[@]}" >/dev/null
+cmake --build "$NEBRA_BUILD_MINGW" -j "$JOBS"
+stage "Windows tests under Wine"
+if [ ! -d "$WINEPREFIX" ]; then wineboot -i >/dev/null 2>&1 || true; fi
+DISPLAY= ctest --test-dir "$NEBRA_BUILD_MINGW" --output-on-failure -j 1
+
+for extra in scripts/ci.d/*.sh; do
+  [ -e "$extra" ] || continue
+  stage "$(basename "$extra" .sh)"
+  bash "$extra"
+done
+
+stage "all stages passed"

@@ -1,0 +1,92 @@
+#include <thread>
+#include <vector>
+
+#include "support/testsupport.h"
+
+using buffer::Buffer;
+using buffer::TmpBuffer;
+
+TEST(Buffer, SharingCopyOnWriteAndTermination) {
+    Buffer<wchar_t> empty;
+    EXPECT_EQ(empty.data(), nullptr);
+    EXPECT_EQ(empty.size(), 0u);
+    EXPECT_EQ(empty.c_str()[0], L'\0');
+
+    auto* original = new Buffer<char>("hello");
+    Buffer<char> copy = *original;
+    EXPECT_EQ(copy.data(), original->data());  // shared block
+    EXPECT_EQ(copy.useCount(), 2u);
+    delete original;                           // the copy survives its source
+    EXPECT_EQ(copy.useCount(), 1u);
+    EXPECT_STREQ(copy.c_str(), "hello");
+
+    Buffer<char> a("abc");
+    Buffer<char> b = a;
+    b.append('d');  // a writer gets its own block; the other holder is unchanged
+    EXPECT_NE(a.data(), b.data());
+    EXPECT_STREQ(a.c_str(), "abc");
+    EXPECT_STREQ(b.c_str(), "abcd");
+    EXPECT_EQ(b.data()[b.size()], '\0');
+
+    // Appending part of itself must survive the block moving.
+    Buffer<char> self("xyz");
+    self.append(self.data(), self.size());
+    EXPECT_STREQ(self.c_str(), "xyzxyz");
+
+    // Shrinking through resize rewrites the terminator and keeps shared holders intact.
+    Buffer<char> s1("abcdef");
+    Buffer<char> s2 = s1;
+    s2.resize(2);
+    EXPECT_STREQ(s2.c_str(), "ab");
+    EXPECT_STREQ(s1.c_str(), "abcdef");
+}
+
+TEST(Buffer, GrowthIsHalfPlusSixteen) {
+    Buffer<unsigned char> b;
+    b.append(static_cast<unsigned char>(1));
+    EXPECT_EQ(b.capacity(), 1u + 0u + 16u);
+    std::vector<unsigned char> data(100, 7);
+    b.append(data.data(), data.size());  // needs 101 units
+    EXPECT_EQ(b.capacity(), 101u + 50u + 16u);
+    EXPECT_EQ(b.size(), 101u);
+}
+
+TEST(Buffer, OrderingIsUnitWise) {
+    EXPECT_TRUE(Buffer<wchar_t>(L"CKAIDHEX:01") < Buffer<wchar_t>(L"CKAIDHEX:01AB"));
+    EXPECT_TRUE(Buffer<wchar_t>(L"CKAIDHEX:0A") < Buffer<wchar_t>(L"CKAIDHEX:A0"));
+    EXPECT_FALSE(Buffer<wchar_t>(L"b") < Buffer<wchar_t>(L"a"));
+    EXPECT_TRUE(Buffer<wchar_t>() < Buffer<wchar_t>(L"a"));
+    EXPECT_EQ(Buffer<wchar_t>(), Buffer<wchar_t>(L""));
+}
+
+TEST(TmpBuffer, InlineUpToFifteenUnitsThenHeap) {
+    TmpBuffer<wchar_t> t;
+    for (int i = 0; i < 15; ++i) t.append(static_cast<wchar_t>(L'a' + i));
+    EXPECT_FALSE(t.onHeap());
+    Buffer<wchar_t> small(t);  // copy of inline contents
+    EXPECT_EQ(nebratest::u8(small), "abcdefghijklmno");
+    t.append(L'p');
+    EXPECT_TRUE(t.onHeap());
+    const wchar_t* heapBlock = t.data();
+    EXPECT_EQ(t.c_str()[16], L'\0');
+    Buffer<wchar_t> taken(std::move(t));  // heap block taken over as it is
+    EXPECT_EQ(taken.data(), heapBlock);
+    EXPECT_EQ(taken.useCount(), 1u);
+    EXPECT_EQ(nebratest::u8(taken), "abcdefghijklmnop");
+}
+
+TEST(Buffer, CountIsAtomicAcrossThreads) {
+    Buffer<char> shared("payload");
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([shared] {
+            for (int i = 0; i < 20000; ++i) {
+                Buffer<char> c = shared;
+                Buffer<char> d = c;
+                (void)d;
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(shared.useCount(), 1u);
+}

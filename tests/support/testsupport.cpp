@@ -1,0 +1,107 @@
+#include "support/testsupport.h"
+
+#include <cstdio>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include <filesystem>
+
+namespace nebratest {
+
+std::string u8(const buffer::Buffer<wchar_t>& b) { return buffer::toUtf8(b); }
+std::string u8(const std::wstring& s) { return buffer::toUtf8(s); }
+
+buffer::Buffer<wchar_t> w(const char* ascii) {
+    buffer::Buffer<wchar_t> out;
+    for (; *ascii; ++ascii) out.append(static_cast<wchar_t>(static_cast<unsigned char>(*ascii)));
+    return out;
+}
+
+buffer::Buffer<unsigned char> bytes(std::initializer_list<unsigned> list) {
+    buffer::Buffer<unsigned char> out;
+    for (unsigned v : list) out.append(static_cast<unsigned char>(v));
+    return out;
+}
+
+buffer::Buffer<unsigned char> fromHex(const std::string& hex) {
+    buffer::Buffer<unsigned char> out;
+    int hi = -1;
+    for (char c : hex) {
+        int v;
+        if (c >= '0' && c <= '9') v = c - '0';
+        else if (c >= 'a' && c <= 'f') v = c - 'a' + 10;
+        else if (c >= 'A' && c <= 'F') v = c - 'A' + 10;
+        else continue;
+        if (hi < 0) {
+            hi = v;
+        } else {
+            out.append(static_cast<unsigned char>(hi * 16 + v));
+            hi = -1;
+        }
+    }
+    return out;
+}
+
+std::string params(const orvo::GenericEvent& e) {
+    std::string out;
+    for (const auto& p : e.params()) {
+        if (!out.empty()) out += ";";
+        out += u8(p.first) + "=" + u8(p.second);
+    }
+    return out;
+}
+
+void expectSite(const orvo::GenericEvent& e, const char* name, const char* file, int line,
+                const std::string& expectedParams) {
+    EXPECT_STREQ(e.what(), name);
+    EXPECT_EQ(u8(e.file()), file);
+    EXPECT_EQ(e.line(), line);
+    EXPECT_EQ(e.code(), 0u);
+    EXPECT_EQ(params(e), expectedParams);
+}
+
+TempDir::TempDir() {
+    std::random_device rd;
+    std::mt19937_64 gen(rd());
+    namespace fs = std::filesystem;
+    fs::path p;
+    do {
+        p = fs::temp_directory_path() / ("nebra-test-" + std::to_string(gen()));
+    } while (!fs::create_directories(p));
+    path_ = p.generic_string();
+}
+
+TempDir::~TempDir() {
+    std::error_code ec;
+    // Make everything writable again first: some tests take permissions away.
+    if (!runningUnderWine()) sh("chmod -R u+rwx '" + path_ + "' 2>/dev/null");
+    std::filesystem::remove_all(path_, ec);
+}
+
+bool runningUnderWine() {
+    const char* v = std::getenv("NEBRA_UNDER_WINE");
+    return v && *v == '1';
+}
+
+int sh(const std::string& cmd) {
+    int rc = std::system(cmd.c_str());
+#ifdef WEXITSTATUS
+    if (rc != -1) rc = WEXITSTATUS(rc);
+#endif
+    return rc;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void writeFile(const std::string& path, const std::string& data) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(data.data(), static_cast<std::streamsize>(data.size()));
+}
+
+}  // namespace nebratest

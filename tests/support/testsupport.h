@@ -1,0 +1,63 @@
+// Helpers shared by the tests: wide-text conversion for assertions, event inspection, temp dirs.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <string>
+
+#include "nebralib/nebralib.h"
+
+namespace nebratest {
+
+// UTF-8 rendering of a wide buffer or string, for readable assertion messages.
+std::string u8(const buffer::Buffer<wchar_t>& b);
+std::string u8(const std::wstring& s);
+buffer::Buffer<wchar_t> w(const char* ascii);
+buffer::Buffer<unsigned char> bytes(std::initializer_list<unsigned> list);
+buffer::Buffer<unsigned char> fromHex(const std::string& hex);
+
+// The parameters of an event as "KEY=value;KEY=value".
+std::string params(const orvo::GenericEvent& e);
+
+// Runs `f`, which must throw an event of type E; returns a copy of it (fails the test otherwise).
+template <class E>
+E expectEvent(const std::function<void()>& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return e;
+    } catch (const orvo::GenericEvent& e) {
+        ADD_FAILURE() << "unexpected event " << u8(buffer::Buffer<wchar_t>(e.dump()));
+        throw;
+    }
+    ADD_FAILURE() << "no event thrown";
+    throw std::runtime_error("no event thrown");
+}
+
+// Asserts name, source text, line and parameters of an event.
+void expectSite(const orvo::GenericEvent& e, const char* name, const char* file, int line,
+                const std::string& params = "");
+
+// A fresh directory under the system temp dir, removed with its contents on destruction.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+bool runningUnderWine();
+// Runs a shell command (Linux); returns its exit status.
+int sh(const std::string& cmd);
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& data);
+
+}  // namespace nebratest
