@@ -18,10 +18,14 @@ for src in "${targets[@]}"; do
   work=$(mktemp -d)
   [ -d "$corpus" ] && cp -r "$corpus"/. "$work"/ 2>/dev/null || true
   echo "--- $name: replay $(ls "$work" | wc -l) seeds, then fuzz ${SECONDS_EACH}s"
-  "$BUILD/bin/$name" -runs=0 "$work" 2>&1 | tail -n 2
-  "$BUILD/bin/$name" -max_total_time="$SECONDS_EACH" -rss_limit_mb=2048 -print_final_stats=1 \
-    "$work" 2>&1 | grep -E 'Done|stat::number_of_executed_units|ERROR|SUMMARY' || true
-  # libFuzzer exits non-zero on a crash; re-run the check so the failure is not hidden by grep.
-  "$BUILD/bin/$name" -runs=0 "$work" >/dev/null 2>&1
-  rm -rf "$work"
+  log=$(mktemp)
+  set +e
+  "$BUILD/bin/$name" -runs=0 "$work" >"$log" 2>&1 &&
+    "$BUILD/bin/$name" -max_total_time="$SECONDS_EACH" -rss_limit_mb=2048 -print_final_stats=1 \
+      -artifact_prefix="$work/" "$work" >>"$log" 2>&1
+  rc=$?
+  set -e
+  grep -E '^Done|stat::number_of_executed_units|stat::new_units_added' "$log" || true
+  if [ $rc -ne 0 ]; then tail -n 60 "$log"; echo "$name FAILED"; exit 1; fi
+  rm -rf "$work" "$log"
 done
