@@ -6,3 +6,7 @@
 #include "nebralib/buffer/codecs.h"
 #include "nebralib/events/certstoreupdatererror.h"
 #include "nebralib/events/genericevent.h"
+#include "nebralib/asn1/certificate.h"
+#include "nebralib/certitem.h"
+#include "nebralib/pkcs11/client.h"
+#include "nebralib/pkcs11helper.h"

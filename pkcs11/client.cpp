@@ -1,0 +1,234 @@
+#include <algorithm>
+#include <cstring>
+
+#include "nebralib/buffer/codecs.h"
+#include "nebralib/pkcs11/client.h"
+#include "pkcs11/sites.h"
+
+namespace pkcs11 {
+
+namespace {
+
+void check(CK_RV rv, const sites::Site& site) {
+    if (rv != CKR_OK) raiseCryptokiError(rv, site.file, site.line);
+}
+
+// Token-info texts are blank-padded UTF-8; a module that puts other bytes there still gets a
+// readable text (bytes taken one per unit) rather than an error.
+buffer::Buffer<wchar_t> paddedText(const unsigned char* p, std::size_t n) {
+    while (n > 0 && (p[n - 1] == ' ' || p[n - 1] == '\0')) --n;
+    try {
+        return buffer::Utf8Decoder::decode(p, n);
+    } catch (const buffer::BufferError&) {
+        buffer::Buffer<wchar_t> out;
+        for (std::size_t i = 0; i < n; ++i) out.append(static_cast<wchar_t>(p[i]));
+        return out;
+    }
+}
+
+}  // namespace
+
+CkSlots::CkSlots(const CkLibrary& library, bool tokenPresent) {
+    CK_FUNCTION_LIST* f = library.functions();
+    std::vector<CK_SLOT_ID> ids;
+    CK_RV rv;
+    // The slot count may change between the two calls; ask again while the list grows.
+    do {
+        CK_ULONG count = 0;
+        check(f->C_GetSlotList(tokenPresent ? CK_TRUE : CK_FALSE, nullptr, &count),
+              sites::kGetSlotList);
+        ids.resize(count);
+        rv = count ? f->C_GetSlotList(tokenPresent ? CK_TRUE : CK_FALSE, ids.data(), &count)
+                   : CKR_OK;
+        if (rv == CKR_OK) ids.resize(count);
+    } while (rv == CKR_BUFFER_TOO_SMALL);
+    check(rv, sites::kGetSlotList);
+    slots_.reserve(ids.size());
+    for (CK_SLOT_ID id : ids) slots_.push_back(CkSlot{library, id});
+}
+
+CkSlots::~CkSlots() = default;
+
+CkTokenInfo CkToken::info() const {
+    CK_TOKEN_INFO raw;
+    std::memset(&raw, 0, sizeof raw);
+    check(slot_.library.functions()->C_GetTokenInfo(slot_.id, &raw), sites::kGetTokenInfo);
+    CkTokenInfo info;
+    info.label = paddedText(raw.label, sizeof raw.label);
+    info.manufacturerId = paddedText(raw.manufacturerID, sizeof raw.manufacturerID);
+    info.model = paddedText(raw.model, sizeof raw.model);
+    info.serialNumber = paddedText(raw.serialNumber, sizeof raw.serialNumber);
+    info.flags = raw.flags;
+    return info;
+}
+
+CkSession::CkSession(bool closeOnDestruction, const CkLibrary& library, CK_SESSION_HANDLE handle)
+    : closeOnDestruction_(closeOnDestruction), library_(library), handle_(handle) {}
+
+CkSession::~CkSession() {
+    if (closeOnDestruction_ && handle_) {
+        try {
+            close();
+        } catch (const orvo::GenericEvent&) {
+            // A destructor must not replace the error that is already on its way.
+        }
+    }
+}
+
+void CkSession::open(CK_SLOT_ID slot, CK_FLAGS flags) {
+    CK_SESSION_HANDLE h = 0;
+    check(functions()->C_OpenSession(slot, flags, nullptr, nullptr, &h), sites::kOpenSession);
+    handle_ = h;
+}
+
+void CkSession::login(CK_USER_TYPE userType, buffer::BufferRange<unsigned char> pin) {
+    // An empty PIN goes to the module as a zero-length value, not refused here.
+    static unsigned char empty = 0;
+    CK_UTF8CHAR* p = pin.empty() ? &empty : const_cast<CK_UTF8CHAR*>(pin.begin());
+    check(functions()->C_Login(handle_, userType, p, static_cast<CK_ULONG>(pin.size())),
+          sites::kLogin);
+}
+
+void CkSession::close() {
+    CK_SESSION_HANDLE h = handle_;
+    handle_ = 0;  // closed or not, the handle is not used again
+    check(functions()->C_CloseSession(h), sites::kCloseSession);
+}
+
+// --- attribute sets -------------------------------------------------------------------------
+
+const CK_ATTRIBUTE& CkAttributes::find(CK_ATTRIBUTE_TYPE type) const {
+    for (const auto& a : attrs_)
+        if (a.type == type) return a;
+    raiseCryptokiError(CKR_ATTRIBUTE_TYPE_INVALID, sites::kAttributeNotInSet.file,
+                       sites::kAttributeNotInSet.line);
+}
+
+bool CkAttributes::contains(CK_ATTRIBUTE_TYPE type) const {
+    return std::any_of(attrs_.begin(), attrs_.end(),
+                       [type](const CK_ATTRIBUTE& a) { return a.type == type; });
+}
+
+CkAttributes& CkAttributes::add(CK_ATTRIBUTE_TYPE type, const void* value, std::size_t length) {
+    if (contains(type))
+        raiseCryptokiError(CKR_TEMPLATE_INCONSISTENT, sites::kAttributeTypeTwice.file,
+                           sites::kAttributeTypeTwice.line);
+    buffer::Buffer<unsigned char> copy(static_cast<const unsigned char*>(value), length);
+    storage_.push_back(copy);
+    attrs_.push_back(CK_ATTRIBUTE{type, length ? const_cast<unsigned char*>(copy.data()) : nullptr,
+                                  static_cast<CK_ULONG>(length)});
+    return *this;
+}
+
+CkAttributes& CkAttributes::add(CK_ATTRIBUTE_TYPE type) {
+    if (contains(type))
+        raiseCryptokiError(CKR_TEMPLATE_INCONSISTENT, sites::kAttributeTypeTwice.file,
+                           sites::kAttributeTypeTwice.line);
+    attrs_.push_back(CK_ATTRIBUTE{type, nullptr, 0});
+    return *this;
+}
+
+CkAttributes& CkAttributes::addUlong(CK_ATTRIBUTE_TYPE type, CK_ULONG value) {
+    return add(type, &value, sizeof(CK_ULONG));
+}
+
+CkAttributes& CkAttributes::addBool(CK_ATTRIBUTE_TYPE type, bool value) {
+    CK_BBOOL b = value ? CK_TRUE : CK_FALSE;
+    return add(type, &b, sizeof b);
+}
+
+buffer::BufferRange<unsigned char> CkAttributes::view(CK_ATTRIBUTE_TYPE type) const {
+    const CK_ATTRIBUTE& a = find(type);
+    if (!a.pValue) {
+        if (a.ulValueLen != 0)
+            raiseCryptokiError(CKR_ATTRIBUTE_VALUE_INVALID, sites::kAttributeNoBuffer.file,
+                               sites::kAttributeNoBuffer.line);
+        return {};
+    }
+    const auto* p = static_cast<const unsigned char*>(a.pValue);
+    return {p, static_cast<std::size_t>(a.ulValueLen)};
+}
+
+buffer::Buffer<unsigned char> CkAttributes::value(CK_ATTRIBUTE_TYPE type) const {
+    buffer::BufferRange<unsigned char> v = view(type);
+    return buffer::Buffer<unsigned char>(v.begin(), v.size());
+}
+
+bool CkAttributes::allocateForLengths() {
+    bool any = false;
+    for (auto& a : attrs_) {
+        if (a.pValue || a.ulValueLen == 0 || a.ulValueLen == CK_UNAVAILABLE_INFORMATION) continue;
+        buffer::Buffer<unsigned char> b(static_cast<std::size_t>(a.ulValueLen));
+        a.pValue = b.mutableData();
+        storage_.push_back(std::move(b));
+        any = true;
+    }
+    return any;
+}
+
+void CkAttributes::resetForSizing() {
+    for (auto& a : attrs_) {
+        a.pValue = nullptr;
+        a.ulValueLen = 0;
+    }
+    storage_.clear();
+}
+
+void CkObject::get(CkAttributes& attributes) const {
+    CK_FUNCTION_LIST* f = session_->functions();
+    CK_SESSION_HANDLE s = session_->handle();
+    CK_ULONG n = static_cast<CK_ULONG>(attributes.size());
+    attributes.resetForSizing();
+    // Missing or sensitive attributes are reported per attribute (length unavailable); the call
+    // as a whole fails only for other reasons.
+    CK_RV rv = f->C_GetAttributeValue(s, handle_, attributes.data(), n);
+    if (rv != CKR_OK && rv != CKR_ATTRIBUTE_TYPE_INVALID && rv != CKR_ATTRIBUTE_SENSITIVE)
+        raiseCryptokiError(rv, sites::kGetAttributeSizes.file, sites::kGetAttributeSizes.line);
+    if (!attributes.allocateForLengths()) return;
+    rv = f->C_GetAttributeValue(s, handle_, attributes.data(), n);
+    if (rv != CKR_OK && rv != CKR_ATTRIBUTE_TYPE_INVALID && rv != CKR_ATTRIBUTE_SENSITIVE)
+        raiseCryptokiError(rv, sites::kGetAttributeValues.file, sites::kGetAttributeValues.line);
+}
+
+// --- object search --------------------------------------------------------------------------
+
+CkObjectsFinder::CkObjectsFinder(const CkSession& session, CkAttributes& search)
+    : session_(session) {
+    check(session_.functions()->C_FindObjectsInit(session_.handle(), search.data(),
+                                                  static_cast<CK_ULONG>(search.size())),
+          sites::kFindObjectsInit);
+    active_ = true;
+}
+
+CkObjectsFinder::~CkObjectsFinder() {
+    if (!active_) return;
+    try {
+        final();
+    } catch (const orvo::GenericEvent&) {
+        // Closing after an earlier failure: the first error is the one the caller sees.
+    }
+}
+
+bool CkObjectsFinder::next(CK_OBJECT_HANDLE& handle) {
+    if (pos_ == batch_.size()) {
+        if (exhausted_ || !active_) return false;
+        batch_.resize(kBatch);
+        CK_ULONG count = 0;
+        check(session_.functions()->C_FindObjects(session_.handle(), batch_.data(), kBatch, &count),
+              sites::kFindObjects);
+        batch_.resize(count);
+        pos_ = 0;
+        if (count < kBatch) exhausted_ = true;
+        if (count == 0) return false;
+    }
+    handle = batch_[pos_++];
+    return true;
+}
+
+void CkObjectsFinder::final() {
+    if (!active_) return;
+    active_ = false;
+    check(session_.functions()->C_FindObjectsFinal(session_.handle()), sites::kFindObjectsFinal);
+}
+
+}  // namespace pkcs11

@@ -1,0 +1,131 @@
+// Loading Cryptoki modules: dlopen / LoadLibraryW, C_GetFunctionList, C_Initialize.
+#include <cstring>
+
+#include "nebralib/buffer/codecs.h"
+#include "nebralib/pkcs11/client.h"
+#include "pkcs11/sites.h"
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <dlfcn.h>
+#endif
+
+namespace pkcs11 {
+
+namespace {
+
+[[noreturn]] void raiseLoad(const sites::Site& site, const std::string& path,
+                            const std::string& reason) {
+    throw Pkcs11Error_CryptokiError(buffer::Buffer<wchar_t>(site.file), site.line)
+        .setParam(L"CRYPTOKY_ERROR_CODE", buffer::decimal(CKR_GENERAL_ERROR))
+        .setParam(L"MODULE", buffer::Buffer<wchar_t>(buffer::fromUtf8(path)))
+        .setParam(L"REASON", buffer::Buffer<wchar_t>(buffer::fromUtf8(reason)));
+}
+
+#ifdef _WIN32
+void* openModule(const std::string& path, std::string& error) {
+    std::wstring wpath = buffer::fromUtf8(path);
+    HMODULE h = LoadLibraryW(wpath.c_str());
+    if (!h) error = "LoadLibraryW failed with error " + std::to_string(GetLastError());
+    return reinterpret_cast<void*>(h);
+}
+void* moduleSymbol(void* handle, const char* name) {
+    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(handle), name));
+}
+void closeModule(void* handle) { FreeLibrary(static_cast<HMODULE>(handle)); }
+#else
+void* openModule(const std::string& path, std::string& error) {
+    void* h = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!h) {
+        const char* e = dlerror();
+        error = e ? e : "dlopen failed";
+    }
+    return h;
+}
+void* moduleSymbol(void* handle, const char* name) { return dlsym(handle, name); }
+void closeModule(void* handle) { dlclose(handle); }
+#endif
+
+}  // namespace
+
+void raiseCryptokiError(CK_RV rv, const wchar_t* file, int line) {
+    throw Pkcs11Error_CryptokiError(buffer::Buffer<wchar_t>(file), line)
+        .setParam(L"CRYPTOKY_ERROR_CODE", buffer::decimal(rv));
+}
+
+struct Libraries::Module {
+    void* handle = nullptr;
+    CK_FUNCTION_LIST* functions = nullptr;
+    bool initializedByUs = false;
+    int loads = 0;
+};
+
+Libraries& Libraries::instance() {
+    static Libraries registry;
+    return registry;
+}
+
+CkLibrary Libraries::load(const std::string& path) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto& slot = modules_[path];
+    if (!slot) {
+        auto module = std::make_shared<Module>();
+        std::string error;
+        module->handle = openModule(path, error);
+        if (!module->handle) {
+            modules_.erase(path);
+            raiseLoad(sites::kModuleOpen, path, error);
+        }
+        auto getList = reinterpret_cast<CK_C_GetFunctionList>(
+            moduleSymbol(module->handle, "C_GetFunctionList"));
+        if (!getList) {
+            closeModule(module->handle);
+            modules_.erase(path);
+            raiseLoad(sites::kModuleNoFunctionList, path, "no C_GetFunctionList in module");
+        }
+        CK_RV rv = getList(&module->functions);
+        if (rv != CKR_OK || !module->functions) {
+            closeModule(module->handle);
+            modules_.erase(path);
+            raiseCryptokiError(rv == CKR_OK ? CKR_GENERAL_ERROR : rv, sites::kGetFunctionList.file,
+                               sites::kGetFunctionList.line);
+        }
+        // Modules are used from one thread at a time; no locking callbacks are needed.
+        rv = module->functions->C_Initialize(nullptr);
+        if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
+            closeModule(module->handle);
+            modules_.erase(path);
+            raiseCryptokiError(rv, sites::kInitialize.file, sites::kInitialize.line);
+        }
+        module->initializedByUs = rv == CKR_OK;
+        slot = module;
+    }
+    ++slot->loads;
+    CkLibrary lib;
+    lib.functions_ = slot->functions;
+    lib.path_ = path;
+    return lib;
+}
+
+void Libraries::unload(const CkLibrary& library) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = modules_.find(library.path());
+    if (it == modules_.end() || it->second->functions != library.functions()) return;
+    if (--it->second->loads > 0) return;
+    std::shared_ptr<Module> module = it->second;
+    modules_.erase(it);
+    // A module the process initialised elsewhere is left initialised and loaded for its owner.
+    if (module->initializedByUs) {
+        module->functions->C_Finalize(nullptr);
+        closeModule(module->handle);
+    }
+}
+
+int Libraries::loadCount(const std::string& path) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = modules_.find(path);
+    return it == modules_.end() ? 0 : it->second->loads;
+}
+
+}  // namespace pkcs11

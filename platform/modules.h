@@ -1,0 +1,15 @@
+// Registered PKCS#11 modules of the machine.
+#pragma once
+
+#include <string>
+
+#include "nebralib/export.h"
+
+namespace platform {
+namespace modules {
+
+// The file of the registered module named `name` (module name or file name), or "" if none.
+NEBRALIB_EXPORT std::string findRegisteredModule(const std::string& name);
+
+}  // namespace modules
+}  // namespace platform

@@ -1,0 +1,10 @@
+// Windows has no module registry of its own: a module is always named by its file.
+#include "platform/modules.h"
+
+namespace platform {
+namespace modules {
+
+std::string findRegisteredModule(const std::string&) { return ""; }
+
+}  // namespace modules
+}  // namespace platform

@@ -1,0 +1,185 @@
+// A PKCS#11 module for tests that forwards every call to a real module (SoftHSM2 by default) and
+// fails chosen calls on request. It also counts the calls it forwards.
+//
+// Control, either through the environment (read at C_GetFunctionList) or at run time through the
+// exported nebra_fault_* functions:
+//   NEBRA_FAULT_TARGET  path of the real module (default: SoftHSM2)
+//   NEBRA_FAULT         comma-separated rules "C_Name=RV" (every call fails with RV, hex or decimal),
+//                       "C_Name=RV@N" (only the N-th call from now fails), or "C_GetSlotList=empty"
+//                       (no slot reported)
+//   NEBRA_FAULT_COUNTS  file that receives "C_Name count" lines when the module is finalised
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "nebralib/pkcs11/pkcs11.h"
+
+namespace {
+
+struct Rule {
+    CK_RV rv = CKR_OK;
+    long onlyCall = 0;  // 0: every call
+    bool emptySlots = false;
+};
+
+std::mutex gMutex;
+std::map<std::string, Rule> gRules;
+std::map<std::string, long> gCounts;
+CK_FUNCTION_LIST* gTarget = nullptr;
+CK_FUNCTION_LIST gList;
+
+void parseRules(const char* spec) {
+    gRules.clear();
+    if (!spec) return;
+    std::string s(spec);
+    std::size_t pos = 0;
+    while (pos < s.size()) {
+        std::size_t end = s.find(',', pos);
+        if (end == std::string::npos) end = s.size();
+        std::string item = s.substr(pos, end - pos);
+        pos = end + 1;
+        std::size_t eq = item.find('=');
+        if (eq == std::string::npos) continue;
+        Rule r;
+        std::string name = item.substr(0, eq), value = item.substr(eq + 1);
+        if (value == "empty") {
+            r.emptySlots = true;
+        } else {
+            std::size_t at = value.find('@');
+            r.rv = std::strtoul(value.substr(0, at).c_str(), nullptr, 0);
+            if (at != std::string::npos) r.onlyCall = std::strtol(value.c_str() + at + 1, nullptr, 10);
+        }
+        gRules[name] = r;
+    }
+}
+
+// Counts the call and returns the rule's failure code for it, or CKR_OK.
+CK_RV fault(const char* name, bool* emptySlots = nullptr) {
+    std::lock_guard<std::mutex> lock(gMutex);
+    long n = ++gCounts[name];
+    auto it = gRules.find(name);
+    if (it == gRules.end()) return CKR_OK;
+    Rule& r = it->second;
+    if (r.emptySlots) {
+        if (emptySlots) *emptySlots = true;
+        return CKR_OK;
+    }
+    if (r.onlyCall == 0) return r.rv;
+    if (r.onlyCall == n) return r.rv;
+    return CKR_OK;
+}
+
+void writeCounts() {
+    const char* path = std::getenv("NEBRA_FAULT_COUNTS");
+    if (!path) return;
+    FILE* f = std::fopen(path, "w");
+    if (!f) return;
+    for (const auto& c : gCounts) std::fprintf(f, "%s %ld\n", c.first.c_str(), c.second);
+    std::fclose(f);
+}
+
+CK_RV wInitialize(CK_VOID_PTR a) {
+    if (CK_RV rv = fault("C_Initialize")) return rv;
+    return gTarget->C_Initialize(a);
+}
+CK_RV wFinalize(CK_VOID_PTR a) {
+    CK_RV rv = fault("C_Finalize");
+    writeCounts();
+    if (rv) return rv;
+    return gTarget->C_Finalize(a);
+}
+CK_RV wGetSlotList(CK_BBOOL present, CK_SLOT_ID_PTR list, CK_ULONG_PTR count) {
+    bool empty = false;
+    if (CK_RV rv = fault("C_GetSlotList", &empty)) return rv;
+    if (empty && present) {
+        *count = 0;
+        return CKR_OK;
+    }
+    return gTarget->C_GetSlotList(present, list, count);
+}
+CK_RV wGetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
+    if (CK_RV rv = fault("C_GetTokenInfo")) return rv;
+    return gTarget->C_GetTokenInfo(slot, info);
+}
+CK_RV wOpenSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR app, CK_NOTIFY notify,
+                   CK_SESSION_HANDLE_PTR session) {
+    if (CK_RV rv = fault("C_OpenSession")) return rv;
+    return gTarget->C_OpenSession(slot, flags, app, notify, session);
+}
+CK_RV wCloseSession(CK_SESSION_HANDLE s) {
+    CK_RV rv = fault("C_CloseSession");
+    CK_RV real = gTarget->C_CloseSession(s);  // close for real so the module is not left dirty
+    return rv ? rv : real;
+}
+CK_RV wLogin(CK_SESSION_HANDLE s, CK_USER_TYPE user, CK_UTF8CHAR_PTR pin, CK_ULONG len) {
+    if (CK_RV rv = fault("C_Login")) return rv;
+    return gTarget->C_Login(s, user, pin, len);
+}
+CK_RV wFindObjectsInit(CK_SESSION_HANDLE s, CK_ATTRIBUTE_PTR t, CK_ULONG n) {
+    if (CK_RV rv = fault("C_FindObjectsInit")) return rv;
+    return gTarget->C_FindObjectsInit(s, t, n);
+}
+CK_RV wFindObjects(CK_SESSION_HANDLE s, CK_OBJECT_HANDLE_PTR h, CK_ULONG max, CK_ULONG_PTR count) {
+    if (CK_RV rv = fault("C_FindObjects")) return rv;
+    return gTarget->C_FindObjects(s, h, max, count);
+}
+CK_RV wFindObjectsFinal(CK_SESSION_HANDLE s) {
+    CK_RV rv = fault("C_FindObjectsFinal");
+    CK_RV real = gTarget->C_FindObjectsFinal(s);
+    return rv ? rv : real;
+}
+CK_RV wGetAttributeValue(CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o, CK_ATTRIBUTE_PTR t, CK_ULONG n) {
+    if (CK_RV rv = fault("C_GetAttributeValue")) return rv;
+    return gTarget->C_GetAttributeValue(s, o, t, n);
+}
+
+}  // namespace
+
+extern "C" {
+
+__attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR out) {
+    std::lock_guard<std::mutex> lock(gMutex);
+    if (!gTarget) {
+        const char* target = std::getenv("NEBRA_FAULT_TARGET");
+        if (!target) target = "/usr/lib/softhsm/libsofthsm2.so";
+        void* h = dlopen(target, RTLD_NOW | RTLD_LOCAL);
+        if (!h) return CKR_GENERAL_ERROR;
+        auto get = reinterpret_cast<CK_C_GetFunctionList>(dlsym(h, "C_GetFunctionList"));
+        if (!get || get(&gTarget) != CKR_OK) return CKR_GENERAL_ERROR;
+        gList = *gTarget;
+        gList.C_Initialize = wInitialize;
+        gList.C_Finalize = wFinalize;
+        gList.C_GetSlotList = wGetSlotList;
+        gList.C_GetTokenInfo = wGetTokenInfo;
+        gList.C_OpenSession = wOpenSession;
+        gList.C_CloseSession = wCloseSession;
+        gList.C_Login = wLogin;
+        gList.C_FindObjectsInit = wFindObjectsInit;
+        gList.C_FindObjects = wFindObjects;
+        gList.C_FindObjectsFinal = wFindObjectsFinal;
+        gList.C_GetAttributeValue = wGetAttributeValue;
+        parseRules(std::getenv("NEBRA_FAULT"));
+    }
+    *out = &gList;
+    return CKR_OK;
+}
+
+// Replaces the rules and clears the counters.
+__attribute__((visibility("default"))) void nebra_fault_set(const char* spec) {
+    std::lock_guard<std::mutex> lock(gMutex);
+    parseRules(spec);
+    gCounts.clear();
+}
+
+__attribute__((visibility("default"))) long nebra_fault_count(const char* name) {
+    std::lock_guard<std::mutex> lock(gMutex);
+    auto it = gCounts.find(name);
+    return it == gCounts.end() ? 0 : it->second;
+}
+
+}  // extern "C"

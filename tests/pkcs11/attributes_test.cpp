@@ -1,0 +1,56 @@
+// Attribute-set rules and certificate keys; no token needed, so these also run under Wine.
+#include "nebralib/pkcs11/client.h"
+#include "support/testsupport.h"
+
+using pkcs11::CkAttributes;
+
+namespace {
+void expectCryptoki(const std::function<void()>& f, int line, const char* code) {
+    auto e = nebratest::expectEvent<pkcs11::Pkcs11Error_CryptokiError>(f);
+    nebratest::expectSite(e, "Pkcs11Error_CryptokiError", "pkcs11\\ckattributes", line,
+                          std::string("CRYPTOKY_ERROR_CODE=") + code);
+}
+}  // namespace
+
+TEST(CkAttributes, TemplateValuesAndSetRules) {
+    CkAttributes t;
+    t.addUlong(CKA_CLASS, CKO_CERTIFICATE).addBool(CKA_TOKEN, true).addUlong(CKA_CERTIFICATE_TYPE, CKC_X_509);
+    ASSERT_EQ(t.size(), 3u);
+    // CK_ULONG values are as wide as the platform's CK_ULONG, booleans one byte.
+    EXPECT_EQ(t.data()[0].ulValueLen, sizeof(CK_ULONG));
+    EXPECT_EQ(t.data()[1].ulValueLen, 1u);
+    EXPECT_EQ(*static_cast<CK_ULONG*>(t.data()[0].pValue), static_cast<CK_ULONG>(CKO_CERTIFICATE));
+    EXPECT_EQ(*static_cast<CK_BBOOL*>(t.data()[1].pValue), CK_TRUE);
+    EXPECT_EQ(t.value(CKA_CERTIFICATE_TYPE).size(), sizeof(CK_ULONG));
+
+    expectCryptoki([&] { t.addBool(CKA_TOKEN, false); }, 156, "209");
+    expectCryptoki([&] { t.add(CKA_CLASS); }, 156, "209");
+    expectCryptoki([&] { t.value(CKA_LABEL); }, 315, "18");
+    EXPECT_EQ(t.size(), 3u);  // a refused add leaves the set as it was
+}
+
+TEST(CkAttributes, ReadBackWithoutBuffer) {
+    CkAttributes r;
+    r.add(CKA_VALUE).add(CKA_LABEL);
+    // No buffer and length 0: an empty value.
+    EXPECT_TRUE(r.value(CKA_LABEL).empty());
+    // A sizing call that could not give a length leaves "no buffer, non-zero length".
+    r.data()[0].ulValueLen = CK_UNAVAILABLE_INFORMATION;
+    expectCryptoki([&] { r.value(CKA_VALUE); }, 162, "19");
+    r.data()[0].ulValueLen = 7;
+    EXPECT_TRUE(r.allocateForLengths());
+    EXPECT_EQ(r.value(CKA_VALUE).size(), 7u);
+    r.resetForSizing();
+    EXPECT_FALSE(r.allocateForLengths());
+}
+
+TEST(CertKey, UpperCaseHexOfId) {
+    using pkcs11::certstoreupdater::makeCertKey;
+    EXPECT_EQ(nebratest::u8(makeCertKey(nebratest::bytes({0x01, 0xAB, 0x3F}))), "CKAIDHEX:01AB3F");
+    EXPECT_EQ(nebratest::u8(makeCertKey(buffer::Buffer<unsigned char>())), "CKAIDHEX:");
+    buffer::Buffer<unsigned char> twenty(20);
+    std::fill(twenty.mutableData(), twenty.mutableData() + 20, 0xab);
+    auto key = makeCertKey(twenty);
+    EXPECT_EQ(key.size(), 49u);
+    for (wchar_t c : key) EXPECT_FALSE(c >= L'a' && c <= L'f');
+}
