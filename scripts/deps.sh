@@ -10,7 +10,7 @@ PACKAGES=(
   libp11-kit-dev p11-kit softhsm2 opensc gnutls-bin
   libboost-dev libboost-filesystem-dev
   g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64
-  attr osslsigncode python3
+  attr osslsigncode python3 bc
 )
 
 SUDO=""

@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# Harvesting speed: provisions COUNT (default 1000) certificates with private keys on a fresh
+# SoftHSM2 token, then times, as whole processes in one run,
+#   nebra token --module SOFTHSM --json          (our harvest: log in, read, decode, sort, print)
+#   pkcs11-tool --module SOFTHSM --login --list-objects --type cert
+# and reports the ratio, plus the Cryptoki calls per certificate counted by the fault module.
+# usage: bench/harvest.sh [BUILD_DIR] [COUNT]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+BUILD=${1:-build}
+COUNT=${2:-1000}
+RUNS=${RUNS:-5}
+SOFTHSM=/usr/lib/softhsm/libsofthsm2.so
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+mkdir -p "$work/tokens"
+printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' "$work/tokens" \
+  > "$work/softhsm2.conf"
+export SOFTHSM2_CONF=$work/softhsm2.conf
+export BENCH_PIN=1234
+softhsm2-util --init-token --free --label bench --so-pin 12345678 --pin $BENCH_PIN >/dev/null
+t0=$(date +%s.%N)
+"$BUILD/bin/nebra_provision" "$SOFTHSM" bench $BENCH_PIN "$COUNT" --keys
+echo "provisioned $COUNT certificates with keys in $(echo "$(date +%s.%N) - $t0" | bc) s"
+
+# Best of RUNS wall-clock times of a command, in seconds.
+best() {
+  local best=999999 t s e
+  for _ in $(seq "$RUNS"); do
+    s=$(date +%s.%N); "$@" >/dev/null 2>&1; e=$(date +%s.%N)
+    t=$(echo "$e - $s" | bc)
+    if (( $(echo "$t < $best" | bc) )); then best=$t; fi
+  done
+  echo "$best"
+}
+"$BUILD/bin/nebra" token --module "$SOFTHSM" --pin-env BENCH_PIN --json > "$work/out.json"
+got=$(grep -o '"key":' "$work/out.json" | wc -l)
+[ "$got" -eq "$COUNT" ] || { echo "nebra token listed $got certificates, expected $COUNT"; exit 1; }
+
+ours=$(best "$BUILD/bin/nebra" token --module "$SOFTHSM" --pin-env BENCH_PIN --json)
+peer=$(best pkcs11-tool --module "$SOFTHSM" --login --pin $BENCH_PIN --list-objects --type cert)
+echo "nebra token --json:                 ${ours} s (best of $RUNS)"
+echo "pkcs11-tool --list-objects (cert):  ${peer} s (best of $RUNS)"
+echo "ratio pkcs11-tool / nebra:          $(echo "scale=2; $peer / $ours" | bc)x"
+
+NEBRA_FAULT_COUNTS=$work/counts "$BUILD/bin/nebra" token --module "$BUILD/lib/libnebra_faultp11.so" \
+  --pin-env BENCH_PIN --json >/dev/null
+attrs=$(awk '$1=="C_GetAttributeValue"{print $2}' "$work/counts")
+finds=$(awk '$1=="C_FindObjects"{print $2}' "$work/counts")
+echo "C_GetAttributeValue calls: $attrs for $COUNT certificates + $COUNT keys" \
+  "($(echo "scale=2; $attrs / $COUNT" | bc) per certificate incl. its key's CKA_ID read," \
+  "$(echo "scale=2; ($attrs - 2 * $COUNT) / $COUNT" | bc) for the certificate itself)"
+echo "C_FindObjects calls: $finds"
