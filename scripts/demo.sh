@@ -6,10 +6,14 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
 bash scripts/deps.sh
-BUILD=${NEBRA_DEMO_BUILD:-$ROOT/build-release}
-cmake -S . -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DNEBRALIB_BUILD_TESTS=OFF >/dev/null
-cmake --build "$BUILD" -j "$(nproc)" >/dev/null
-NEBRA=$BUILD/bin/nebra
+if [ -n "${NEBRA_BIN:-}" ]; then
+  NEBRA=$NEBRA_BIN  # an already built tool (the test run uses its own build)
+else
+  BUILD=$ROOT/build-release
+  cmake -S . -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DNEBRALIB_BUILD_TESTS=OFF >/dev/null
+  cmake --build "$BUILD" -j "$(nproc)" >/dev/null
+  NEBRA=$BUILD/bin/nebra
+fi
 
 DEMO=${NEBRA_DEMO_DIR:-${XDG_DATA_HOME:-$HOME/.local/share}/nebralib/demo-token}
 export SOFTHSM2_CONF=$DEMO/softhsm2.conf

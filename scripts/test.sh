@@ -34,6 +34,7 @@ cmake -S . -B "$NEBRA_BUILD_ASAN" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DNEBRALIB_W
 cmake --build "$NEBRA_BUILD_ASAN" -j "$JOBS"
 stage "AddressSanitizer + UBSan tests"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  LSAN_OPTIONS=suppressions=$ROOT/scripts/lsan.supp \
   ctest --test-dir "$NEBRA_BUILD_ASAN" --output-on-failure -j "$JOBS"
 
 stage "Windows x64 cross build (mingw-w64)"

@@ -1,0 +1,89 @@
+#!/usr/bin/env bash
+# End to end, token to store, with the real tool: a SoftHSM2 token of 1,000 certificates with keys
+# synced into a fresh store; re-sync, dry run, prune, two syncs at once, and kill -9 at random
+# moments followed by a re-sync to the complete state. Then the README's demo, twice.
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+ROOT=$PWD
+BUILD=${NEBRA_BUILD:-$ROOT/build}
+NEBRA=$BUILD/bin/nebra
+SOFTHSM=/usr/lib/softhsm/libsofthsm2.so
+COUNT=${SYNC_COUNT:-1000}
+KILLS=${SYNC_KILLS:-20}
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+mkdir -p "$work/tokens"
+printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' "$work/tokens" \
+  > "$work/softhsm2.conf"
+export SOFTHSM2_CONF=$work/softhsm2.conf XDG_DATA_HOME=$work/data E2E_PIN=1234
+softhsm2-util --init-token --free --label e2e --so-pin 12345678 --pin $E2E_PIN >/dev/null
+"$BUILD/bin/nebra_provision" "$SOFTHSM" e2e $E2E_PIN "$COUNT" --keys
+
+sync() { "$NEBRA" sync --module "$SOFTHSM" --csp E2E-CSP --pin-env E2E_PIN --json "$@"; }
+listed() { "$NEBRA" list --csp E2E-CSP --json | grep -o '"container":' | wc -l; }
+count() { grep -o "\"$1\":\[[^]]*\]" | grep -o '"container":' | wc -l; }
+fail() { echo "FAILED: $*"; exit 1; }
+
+out=$(sync --dry-run)
+[ "$(echo "$out" | count added)" -eq "$COUNT" ] || fail "dry run did not plan $COUNT additions"
+[ "$(listed)" -eq 0 ] || fail "dry run changed the store"
+
+s=$(date +%s.%N)
+out=$(sync)
+first=$(echo "$(date +%s.%N) - $s" | bc)
+[ "$(echo "$out" | count added)" -eq "$COUNT" ] || fail "first sync did not add $COUNT"
+[ "$(listed)" -eq "$COUNT" ] || fail "store does not list $COUNT after the first sync"
+s=$(date +%s.%N)
+out=$(sync)
+again=$(echo "$(date +%s.%N) - $s" | bc)
+[ "$(echo "$out" | count added)" -eq 0 ] || fail "re-sync added certificates"
+[ "$(echo "$out" | count unchanged)" -eq "$COUNT" ] || fail "re-sync did not find all unchanged"
+echo "sync of $COUNT: first ${first}s, again ${again}s"
+
+# kill -9 at random moments within the first sync's duration, each on a fresh store.
+for i in $(seq "$KILLS"); do
+  rm -rf "$XDG_DATA_HOME"
+  sync >/dev/null 2>&1 &
+  pid=$!
+  sleep "$(echo "scale=3; $RANDOM % 1000 * $first / 1000" | bc)"
+  kill -9 $pid 2>/dev/null || true
+  wait $pid 2>/dev/null || true
+  n=$(listed) || fail "store did not open after kill -9 (round $i)"
+  [ "$n" -le "$COUNT" ] || fail "store lists $n > $COUNT after kill -9"
+  sync >/dev/null || fail "re-sync after kill -9 failed (round $i)"
+  [ "$(listed)" -eq "$COUNT" ] || fail "re-sync after kill -9 is incomplete (round $i)"
+  printf 'kill round %d: %d certificates stored before the kill\n' "$i" "$n"
+done
+
+# Two syncs at once on an empty store.
+rm -rf "$XDG_DATA_HOME"
+sync >"$work/a" 2>&1 & a=$!
+sync >"$work/b" 2>&1 & b=$!
+wait $a || { cat "$work/a"; fail "first of two concurrent syncs failed"; }
+wait $b || { cat "$work/b"; fail "second of two concurrent syncs failed"; }
+[ "$(listed)" -eq "$COUNT" ] || fail "concurrent syncs left $(listed) certificates"
+added=$(( $(count added <"$work/a") + $(count added <"$work/b") ))
+[ "$added" -eq "$COUNT" ] || echo "note: concurrent syncs reported $added additions in total"
+
+# A reissued card: a token with other certificates, synced with --prune, leaves only its own.
+rm -rf "$work/tokens2"; mkdir -p "$work/tokens2"
+printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' "$work/tokens2" \
+  > "$work/softhsm2-b.conf"
+SOFTHSM2_CONF=$work/softhsm2-b.conf softhsm2-util --init-token --free --label reissued \
+  --so-pin 12345678 --pin $E2E_PIN >/dev/null
+SOFTHSM2_CONF=$work/softhsm2-b.conf "$BUILD/bin/nebra_provision" "$SOFTHSM" reissued $E2E_PIN 3 \
+  --keys --prefix reissued
+out=$(SOFTHSM2_CONF=$work/softhsm2-b.conf sync --prune)
+[ "$(echo "$out" | count removed)" -eq "$((COUNT - 3))" ] || fail "prune did not remove the stale certificates"
+[ "$(listed)" -eq 3 ] || fail "after prune the store lists $(listed), expected 3"
+echo "prune: removed $((COUNT - 3)) stale certificates, 3 remain"
+
+# The README's demo command, twice: the second run adds nothing.
+export HOME=$work/home
+mkdir -p "$HOME"
+unset XDG_DATA_HOME SOFTHSM2_CONF
+NEBRA_BIN=$NEBRA bash scripts/demo.sh >"$work/demo1"
+NEBRA_BIN=$NEBRA bash scripts/demo.sh >"$work/demo2"
+grep -q "2 added" "$work/demo1" || { cat "$work/demo1"; fail "demo's first run did not add 2"; }
+grep -q "0 added, 2 unchanged" "$work/demo2" || { cat "$work/demo2"; fail "demo's second run changed something"; }
+echo "demo: first run added 2, second run changed nothing"
