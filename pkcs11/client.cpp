@@ -85,8 +85,11 @@ void CkSession::login(CK_USER_TYPE userType, buffer::BufferRange<unsigned char> 
     // An empty PIN goes to the module as a zero-length value, not refused here.
     static unsigned char empty = 0;
     CK_UTF8CHAR* p = pin.empty() ? &empty : const_cast<CK_UTF8CHAR*>(pin.begin());
-    check(functions()->C_Login(handle_, userType, p, static_cast<CK_ULONG>(pin.size())),
-          sites::kLogin);
+    CK_RV rv = functions()->C_Login(handle_, userType, p, static_cast<CK_ULONG>(pin.size()));
+    // Login state belongs to the application, not to one session: a new session on a token the
+    // application is already logged in to is logged in as well.
+    if (rv == CKR_USER_ALREADY_LOGGED_IN) return;
+    check(rv, sites::kLogin);
 }
 
 void CkSession::close() {

@@ -104,8 +104,8 @@ TEST_F(Harvest, AtMostTwoAttributeCallsPerObjectAndBatchedSearch) {
     helper.login(pin("1234"));
     SoftHsm::setFaults("");
     helper.getAllCerts();
-    // 9 certificates and 4 private keys, each read with one sizing and one value call.
-    EXPECT_EQ(SoftHsm::faultCount("C_GetAttributeValue"), 2 * (9 + 4));
+    // 8 certificates and 4 private keys, each read with one sizing and one value call.
+    EXPECT_EQ(SoftHsm::faultCount("C_GetAttributeValue"), 2 * (8 + 4));
     EXPECT_EQ(SoftHsm::faultCount("C_FindObjectsInit"), 2);
     EXPECT_EQ(SoftHsm::faultCount("C_FindObjects"), 2);  // one batch per search
     EXPECT_EQ(SoftHsm::faultCount("C_FindObjectsFinal"), 2);

@@ -78,9 +78,12 @@ TEST_F(Session, LoginAlwaysUsesTheFirstReportedSlot) {
     }
     const std::string right = firstLabel == "alpha" ? "1111" : "2222";
     const std::string other = firstLabel == "alpha" ? "2222" : "1111";
+    {
+        Pkcs11Helper helper(SoftHsm::module());
+        expectCryptokiCode([&] { helper.login(pin(other)); }, "160");  // CKR_PIN_INCORRECT
+    }
     Pkcs11Helper helper(SoftHsm::module());
     helper.login(pin(right));
-    expectCryptokiCode([&] { helper.login(pin(other)); }, "160");  // CKR_PIN_INCORRECT
 }
 
 TEST_F(Session, LoginFailuresCarryTheCryptokiCode) {

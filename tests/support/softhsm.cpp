@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "nebralib/asn1/certificate.h"
+
 namespace nebratest {
 
 namespace {
@@ -103,7 +105,15 @@ CK_OBJECT_HANDLE TokenWriter::addCertificate(const buffer::Buffer<unsigned char>
     CK_OBJECT_CLASS cls = CKO_CERTIFICATE;
     CK_CERTIFICATE_TYPE type = CKC_X_509;
     CK_BBOOL tok = tokenObject ? CK_TRUE : CK_FALSE;
+    // CKA_SUBJECT is required by the module; a value that does not decode gets an empty one.
+    std::string subject;
+    try {
+        auto range = asn1::Certificate(der).subject().der();
+        subject.assign(reinterpret_cast<const char*>(range.begin()), range.size());
+    } catch (const orvo::GenericEvent&) {
+    }
     CK_ATTRIBUTE t[] = {
+        {CKA_SUBJECT, &subject[0], subject.size()},
         {CKA_CLASS, &cls, sizeof cls},
         {CKA_CERTIFICATE_TYPE, &type, sizeof type},
         {CKA_TOKEN, &tok, sizeof tok},
@@ -112,7 +122,7 @@ CK_OBJECT_HANDLE TokenWriter::addCertificate(const buffer::Buffer<unsigned char>
         {CKA_LABEL, const_cast<char*>(label.data()), label.size()},
     };
     CK_OBJECT_HANDLE h = 0;
-    CK_RV rv = session_->functions()->C_CreateObject(session_->handle(), t, 6, &h);
+    CK_RV rv = session_->functions()->C_CreateObject(session_->handle(), t, 7, &h);
     if (rv != CKR_OK) throw std::runtime_error("C_CreateObject(certificate) = " + std::to_string(rv));
     return h;
 }

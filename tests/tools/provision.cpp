@@ -25,7 +25,8 @@ std::unique_ptr<EVP_PKEY, Deleter> ecKey() {
     return std::unique_ptr<EVP_PKEY, Deleter>(EVP_EC_gen("P-256"));
 }
 
-std::string makeCert(EVP_PKEY* issuerKey, EVP_PKEY* subjectKey, const std::string& cn, long serial) {
+std::string makeCert(EVP_PKEY* issuerKey, EVP_PKEY* subjectKey, const std::string& cn, long serial,
+                     std::string& subjectDer) {
     std::unique_ptr<X509, Deleter> x(X509_new());
     X509_set_version(x.get(), 2);
     ASN1_INTEGER_set(X509_get_serialNumber(x.get()), serial);
@@ -40,6 +41,10 @@ std::string makeCert(EVP_PKEY* issuerKey, EVP_PKEY* subjectKey, const std::strin
     X509_NAME_add_entry_by_txt(issuer, "CN", MBSTRING_ASC,
                                reinterpret_cast<const unsigned char*>("Nebra Bench CA"), -1, -1, 0);
     X509_set_pubkey(x.get(), subjectKey);
+    unsigned char* name = nullptr;
+    int nameLen = i2d_X509_NAME(subject, &name);
+    subjectDer.assign(reinterpret_cast<char*>(name), static_cast<std::size_t>(nameLen));
+    OPENSSL_free(name);
     X509_sign(x.get(), issuerKey, EVP_sha256());
     unsigned char* der = nullptr;
     int len = i2d_X509(x.get(), &der);
@@ -87,7 +92,8 @@ int main(int argc, char** argv) {
             unsigned char id[4] = {static_cast<unsigned char>(i >> 24), static_cast<unsigned char>(i >> 16),
                                    static_cast<unsigned char>(i >> 8), static_cast<unsigned char>(i)};
             std::string cn = prefix + " certificate " + std::to_string(i);
-            std::string der = makeCert(issuerKey.get(), subjectKey.get(), cn, i + 1);
+            std::string subjectDer;
+            std::string der = makeCert(issuerKey.get(), subjectKey.get(), cn, i + 1, subjectDer);
             CK_OBJECT_CLASS cls = CKO_CERTIFICATE;
             CK_CERTIFICATE_TYPE type = CKC_X_509;
             CK_BBOOL yes = CK_TRUE;
@@ -95,9 +101,10 @@ int main(int argc, char** argv) {
                 {CKA_CLASS, &cls, sizeof cls}, {CKA_CERTIFICATE_TYPE, &type, sizeof type},
                 {CKA_TOKEN, &yes, sizeof yes}, {CKA_VALUE, &der[0], der.size()},
                 {CKA_ID, id, sizeof id},       {CKA_LABEL, &cn[0], cn.size()},
+                {CKA_SUBJECT, &subjectDer[0], subjectDer.size()},
             };
             CK_OBJECT_HANDLE h;
-            CK_RV rv = f->C_CreateObject(session.handle(), t, 6, &h);
+            CK_RV rv = f->C_CreateObject(session.handle(), t, 7, &h);
             if (rv != CKR_OK) {
                 std::fprintf(stderr, "C_CreateObject failed: 0x%lx\n", static_cast<unsigned long>(rv));
                 return 1;
