@@ -177,20 +177,49 @@ void CkAttributes::resetForSizing() {
     storage_.clear();
 }
 
+void CkAttributes::prepareGuess(std::size_t bytes) {
+    storage_.clear();
+    scratch_.resize(bytes * attrs_.size());
+    for (std::size_t i = 0; i < attrs_.size(); ++i) {
+        attrs_[i].pValue = scratch_.data() + i * bytes;
+        attrs_[i].ulValueLen = static_cast<CK_ULONG>(bytes);
+    }
+}
+
+bool CkAttributes::dropUnavailable() {
+    bool any = false;
+    for (auto& a : attrs_) {
+        if (a.ulValueLen == CK_UNAVAILABLE_INFORMATION) {
+            a.pValue = nullptr;
+            any = true;
+        }
+    }
+    return any;
+}
+
 void CkObject::get(CkAttributes& attributes) const {
     CK_FUNCTION_LIST* f = session_->functions();
     CK_SESSION_HANDLE s = session_->handle();
     CK_ULONG n = static_cast<CK_ULONG>(attributes.size());
+    attributes.prepareGuess(kGuessBytes);
+    CK_RV rv = f->C_GetAttributeValue(s, handle_, attributes.data(), n);
+    if (rv == CKR_OK) return;
+    // A value that did not fit and one the object lacks look alike (both unavailable): ask again
+    // the standard way, which tells them apart.
+    if (rv != CKR_BUFFER_TOO_SMALL && rv != CKR_ATTRIBUTE_TYPE_INVALID &&
+        rv != CKR_ATTRIBUTE_SENSITIVE)
+        raiseCryptokiError(rv, sites::kGetAttributeValues.file, sites::kGetAttributeValues.line);
     attributes.resetForSizing();
     // Missing or sensitive attributes are reported per attribute (length unavailable); the call
     // as a whole fails only for other reasons.
-    CK_RV rv = f->C_GetAttributeValue(s, handle_, attributes.data(), n);
+    rv = f->C_GetAttributeValue(s, handle_, attributes.data(), n);
     if (rv != CKR_OK && rv != CKR_ATTRIBUTE_TYPE_INVALID && rv != CKR_ATTRIBUTE_SENSITIVE)
         raiseCryptokiError(rv, sites::kGetAttributeSizes.file, sites::kGetAttributeSizes.line);
     if (!attributes.allocateForLengths()) return;
     rv = f->C_GetAttributeValue(s, handle_, attributes.data(), n);
     if (rv != CKR_OK && rv != CKR_ATTRIBUTE_TYPE_INVALID && rv != CKR_ATTRIBUTE_SENSITIVE)
         raiseCryptokiError(rv, sites::kGetAttributeValues.file, sites::kGetAttributeValues.line);
+    attributes.dropUnavailable();
 }
 
 // --- object search --------------------------------------------------------------------------

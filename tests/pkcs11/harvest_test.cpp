@@ -99,13 +99,13 @@ TEST_F(Harvest, SortsIntoFourMaps) {
     EXPECT_EQ(keys(*others), keys(all->otherCerts));
 }
 
-TEST_F(Harvest, AtMostTwoAttributeCallsPerObjectAndBatchedSearch) {
+TEST_F(Harvest, OneAttributeCallPerObjectAndBatchedSearch) {
     Pkcs11Helper helper(module);
     helper.login(pin("1234"));
     SoftHsm::setFaults("");
     helper.getAllCerts();
-    // 8 certificates and 4 private keys, each read with one sizing and one value call.
-    EXPECT_EQ(SoftHsm::faultCount("C_GetAttributeValue"), 2 * (8 + 4));
+    // 8 certificates and 4 private keys whose values fit the first buffers: one call each.
+    EXPECT_EQ(SoftHsm::faultCount("C_GetAttributeValue"), 8 + 4);
     EXPECT_EQ(SoftHsm::faultCount("C_FindObjectsInit"), 2);
     EXPECT_EQ(SoftHsm::faultCount("C_FindObjects"), 2);  // one batch per search
     EXPECT_EQ(SoftHsm::faultCount("C_FindObjectsFinal"), 2);
@@ -140,6 +140,16 @@ TEST(HarvestBadObjects, EmptyTokenInvalidLabelAndNonDerValue) {
     EXPECT_TRUE(helper.getCertsWithPrivateKey()->empty());
 
     nebratest::TokenWriter w(module, "bad", "1234");
+    // A label too long for the first buffer is read again the standard way: sizing, then value.
+    CK_OBJECT_HANDLE longLabel = w.addCertificate(pkiCert("leaf2"), "\x05", std::string(5000, 'x'));
+    SoftHsm::setFaults("");
+    auto one = helper.getOtherCerts();
+    EXPECT_EQ(SoftHsm::faultCount("C_GetAttributeValue"), 3);
+    ASSERT_EQ(one->size(), 1u);
+    EXPECT_EQ(one->begin()->second.label.size(), 5000u);
+    EXPECT_EQ(one->begin()->second.certificate.der(), pkiCert("leaf2"));
+    ASSERT_EQ(w.session().functions()->C_DestroyObject(w.session().handle(), longLabel), CKR_OK);
+
     CK_OBJECT_HANDLE badLabel = w.addCertificate(pkiCert("leaf1"), "\x01", "bad \xFF label");
     auto e = nebratest::expectEvent<buffer::BufferError_InvalidEncodingUnit>(
         [&] { helper.getAllCerts(); });

@@ -136,20 +136,30 @@ public:
     bool allocateForLengths();
     // Drops the buffers of values that were read, ready for a fresh sizing call.
     void resetForSizing();
+    // Gives every entry a scratch buffer of `bytes`, so that a value call can succeed without a
+    // sizing call when the values fit.
+    void prepareGuess(std::size_t bytes);
+    // After a value call: whether some entry came back without a value (missing, sensitive or too
+    // large for its buffer); entries without a value lose their buffer.
+    bool dropUnavailable();
 
 private:
     const CK_ATTRIBUTE& find(CK_ATTRIBUTE_TYPE type) const;
     std::vector<CK_ATTRIBUTE> attrs_;
     // Owns every value buffer; attrs_ point into it.
     std::vector<buffer::Buffer<unsigned char>> storage_;
+    std::vector<unsigned char> scratch_;
 };
 
 class NEBRALIB_EXPORT CkObject {
 public:
+    static constexpr std::size_t kGuessBytes = 4096;
     CkObject(const CkSession& session, CK_OBJECT_HANDLE handle)
         : session_(&session), handle_(handle) {}
-    // Reads every attribute of the set: one sizing call, then one value call if any attribute has
-    // a value. Attributes the object does not have, or that are sensitive, stay without a buffer.
+    // Reads every attribute of the set. Usually one call: every value gets a buffer big enough
+    // for common certificates first. When a value does not fit, or some attribute is missing, the
+    // standard way follows: one sizing call, then one value call if any attribute has a value.
+    // Attributes the object does not have, or that are sensitive, end up without a buffer.
     void get(CkAttributes& attributes) const;
     CK_OBJECT_HANDLE handle() const { return handle_; }
 
