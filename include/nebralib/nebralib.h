@@ -6,3 +6,4 @@
 #include "nebralib/buffer/codecs.h"
 #include "nebralib/events/certstoreupdatererror.h"
 #include "nebralib/events/genericevent.h"
+#include "nebralib/mspermissions.h"
