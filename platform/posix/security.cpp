@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "platform/posix/sdformat.h"
 #include "platform/security.h"
@@ -19,7 +20,7 @@ namespace {
 namespace fmt = format;
 
 constexpr const char* kAttribute = "user.nebralib.sd";
-constexpr std::size_t kMaxAttributeSize = 65536;  // XATTR_SIZE_MAX
+constexpr std::size_t kTypicalAttributeSize = 512;
 
 thread_local std::uint32_t lastErrorCode = 0;
 
@@ -107,29 +108,45 @@ std::string fileName(const std::wstring& path) {
 }
 
 // The stored descriptor of a file, or the one made from its mode bits. False (with the error
-// set) when the file or its attribute cannot be read.
+// set) when the file or its attribute cannot be read. The attribute is asked for first: a file
+// that has one needs no other system call.
 bool storedDescriptor(const std::string& name, fmt::Bytes& out) {
-    struct stat st;
-    if (::stat(name.c_str(), &st) != 0) return failErrno();
-    out.resize(4096);
-    for (;;) {
-        ssize_t n = ::getxattr(name.c_str(), kAttribute, out.data(), out.size());
+    // The kernel allocates and clears a buffer of the size asked for: ask for a small one first
+    // (descriptors are typically about a hundred bytes), then for the exact size.
+    std::uint8_t small[kTypicalAttributeSize];
+    ssize_t n = ::getxattr(name.c_str(), kAttribute, small, sizeof small);
+    if (n >= 0) {
+        out.assign(small, small + n);
+        return true;
+    }
+    while (errno == ERANGE) {
+        ssize_t size = ::getxattr(name.c_str(), kAttribute, nullptr, 0);
+        if (size < 0) break;
+        out.resize(static_cast<std::size_t>(size));
+        n = ::getxattr(name.c_str(), kAttribute, out.data(), out.size());
         if (n >= 0) {
             out.resize(static_cast<std::size_t>(n));
             return true;
         }
-        if (errno == ERANGE && out.size() < kMaxAttributeSize) {
-            out.resize(kMaxAttributeSize);
-            continue;
-        }
-        if (errno == ENODATA || errno == ENOTSUP) {
-            // No descriptor stored, or a file system without user attributes.
-            out = fmt::synthesize(st.st_uid, st.st_gid, st.st_mode);
-            return true;
-        }
-        return failErrno();
     }
+    if (errno != ENODATA && errno != ENOTSUP) return failErrno();
+    // No descriptor stored, or a file system without user attributes.
+    struct stat st;
+    if (::stat(name.c_str(), &st) != 0) return failErrno();
+    out = fmt::synthesize(st.st_uid, st.st_gid, st.st_mode);
+    return true;
 }
+
+// A read whose buffer was too small (the sizing call) keeps its result for the next read of the
+// same file on the same thread, which then does not read the file again: to the caller it is as
+// if the file had been read once, at the sizing call. Any other call drops it.
+struct PendingRead {
+    bool valid = false;
+    std::string name;
+    std::uint32_t information = 0;
+    fmt::Bytes result;
+};
+thread_local PendingRead pending;
 
 class PosixApi final : public Api {
   public:
@@ -162,17 +179,32 @@ class PosixApi final : public Api {
 
     bool getFileSecurity(const std::wstring& path, std::uint32_t information, void* descriptor,
                          std::uint32_t length, std::uint32_t* needed) override {
-        fmt::Bytes stored, result;
-        if (!storedDescriptor(fileName(path), stored)) return false;
-        if (std::uint32_t e = fmt::extract(stored.data(), stored.size(), information, result))
-            return fail(e);
+        std::string name = fileName(path);
+        fmt::Bytes result;
+        if (pending.valid && pending.name == name && pending.information == information) {
+            result.swap(pending.result);
+            pending.valid = false;
+        } else {
+            pending.valid = false;
+            fmt::Bytes stored;
+            if (!storedDescriptor(name, stored)) return false;
+            if (std::uint32_t e = fmt::extract(stored.data(), stored.size(), information, result))
+                return fail(e);
+        }
         *needed = static_cast<std::uint32_t>(result.size());
-        if (length < result.size() || !descriptor) return fail(fmt::kErrorInsufficientBuffer);
+        if (length < result.size() || !descriptor) {
+            pending.valid = true;
+            pending.name = std::move(name);
+            pending.information = information;
+            pending.result.swap(result);
+            return fail(fmt::kErrorInsufficientBuffer);
+        }
         std::memcpy(descriptor, result.data(), result.size());
         return true;
     }
     bool setFileSecurity(const std::wstring& path, std::uint32_t information,
                          void* descriptor) override {
+        pending.valid = false;
         std::string name = fileName(path);
         fmt::Bytes stored, updated;
         if (!storedDescriptor(name, stored)) return false;
