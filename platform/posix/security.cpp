@@ -137,9 +137,10 @@ bool storedDescriptor(const std::string& name, fmt::Bytes& out) {
     return true;
 }
 
-// A read whose buffer was too small (the sizing call) keeps its result for the next read of the
-// same file on the same thread, which then does not read the file again: to the caller it is as
-// if the file had been read once, at the sizing call. Any other call drops it.
+// A read whose buffer was too small (the sizing call) keeps its result for the reading call that
+// follows it for the same file on the same thread, which then does not read the file again: to
+// the caller it is as if the file had been read once, at the sizing call. Any other call,
+// another sizing call included, drops it.
 struct PendingRead {
     bool valid = false;
     std::string name;
@@ -181,7 +182,8 @@ class PosixApi final : public Api {
                          std::uint32_t length, std::uint32_t* needed) override {
         std::string name = fileName(path);
         fmt::Bytes result;
-        if (pending.valid && pending.name == name && pending.information == information) {
+        if (pending.valid && pending.name == name && pending.information == information &&
+            descriptor && length >= pending.result.size()) {
             result.swap(pending.result);
             pending.valid = false;
         } else {
