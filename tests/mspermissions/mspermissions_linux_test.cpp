@@ -323,3 +323,26 @@ TEST(LinuxDescriptors, FileNamesThatAreNotUtf8RoundTrip) {
     MSPermissionsUtils::addPermissions(name, sid);
     EXPECT_FALSE(stored(name).empty());
 }
+
+// A sizing call's result serves only the reading call right after it: a later sizing call, or a
+// read of another file, sees the attribute as it is now.
+TEST(LinuxDescriptors, EverySizingCallReadsTheFileAgain) {
+    TempDir dir;
+    std::string file = newFile(dir, "f"), other = newFile(dir, "g");
+    auto& os = sec::native();
+    auto size = [&](const std::string& p) {
+        std::uint32_t needed = 0;
+        EXPECT_FALSE(os.getFileSecurity(wide(p), 4, nullptr, 0, &needed));
+        EXPECT_EQ(os.lastError(), 122u);
+        return needed;
+    };
+    put(file, descriptor(kOwner, kGroup, acl({ace(0, 0, 1, kOwner)})));
+    std::uint32_t small = size(file);
+    put(file, descriptor(kOwner, kGroup, acl({ace(0, 0, 1, kOwner), ace(1, 0, 2, kGroup)})));
+    std::uint32_t large = size(file);
+    EXPECT_EQ(large, small + 24);
+    size(other);
+    put(file, descriptor(kOwner, kGroup, acl({})));
+    SecurityDescriptorDacl now(wide(file));
+    EXPECT_EQ(now.getAclSizeInformation().AceCount, 0u);
+}
