@@ -3,11 +3,12 @@
 #pragma once
 
 #include "nebralib/asn1/asn1.h"
+#include "nebralib/asn1/certificate.h"
 #include "nebralib/buffer/buffer.h"
 #include "nebralib/buffer/codecs.h"
+#include "nebralib/certitem.h"
 #include "nebralib/events/certstoreupdatererror.h"
 #include "nebralib/events/genericevent.h"
-#include "nebralib/asn1/certificate.h"
-#include "nebralib/certitem.h"
+#include "nebralib/mspermissions.h"
 #include "nebralib/pkcs11/client.h"
 #include "nebralib/pkcs11helper.h"
