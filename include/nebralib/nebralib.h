@@ -4,5 +4,6 @@
 
 #include "nebralib/buffer/buffer.h"
 #include "nebralib/buffer/codecs.h"
+#include "nebralib/codeverifier.h"
 #include "nebralib/events/certstoreupdatererror.h"
 #include "nebralib/events/genericevent.h"
