@@ -10,7 +10,7 @@
 # OUTDIR/meta.txt records the generation time T0 and the instant at which the short-lived leaf has
 # expired (T0 + 2 days); OUTDIR/trust/ holds the roots.
 set -euo pipefail
-OUT=$1
+OUT=$(realpath -m "$1")
 HERE=$(cd "$(dirname "$0")" && pwd)
 PY="python3 $HERE/corpus.py"
 SIGN=${OSSLSIGNCODE:-osslsigncode}
