@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "nebralib/export.h"
 
@@ -10,6 +11,9 @@ namespace console {
 
 // Prints `prompt` on the terminal and reads a line without echo (plain read when not a terminal).
 NEBRALIB_EXPORT std::string promptHidden(const char* prompt);
+// The program's arguments (without the program name) as UTF-8; on Windows they are taken from the
+// wide command line, so names outside the ANSI code page survive.
+NEBRALIB_EXPORT std::vector<std::string> utf8Arguments(int argc, char** argv);
 // Whether standard error is a terminal (for progress lines).
 NEBRALIB_EXPORT bool stderrIsTerminal();
 

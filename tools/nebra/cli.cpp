@@ -16,9 +16,14 @@ Args::Args(const std::vector<std::string>& argv, const std::vector<std::string>&
             if (v == n) return true;
         return false;
     };
+    bool onlyPositional = false;
     for (std::size_t i = 0; i < argv.size(); ++i) {
         const std::string& a = argv[i];
-        if (a.size() > 2 && a.compare(0, 2, "--") == 0) {
+        if (onlyPositional) {
+            positional_.push_back(a);
+        } else if (a == "--") {
+            onlyPositional = true;  // everything after "--" is a name, even if it starts with "--"
+        } else if (a.size() > 2 && a.compare(0, 2, "--") == 0) {
             std::string name = a.substr(2);
             auto eq = name.find('=');
             if (eq != std::string::npos) {
@@ -132,7 +137,7 @@ void printOverview() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::vector<std::string> args(argv + 1, argv + argc);
+    std::vector<std::string> args = platform::console::utf8Arguments(argc, argv);
     if (args.empty() || args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
         printOverview();
         return args.empty() ? 2 : 0;
