@@ -187,6 +187,15 @@ TEST(Decode, PrimitiveValues) {
                    "FIELD_NAME=algorithm");
     }
 
+    // Components up to 128 octets (their decimal text costs quadratic time).
+    CertParts big;
+    big.signature = tlv(0x30, tlv(0x06, hex("2A") + Bytes(128, '\xFF') + hex("7F")));
+    expectSite(decodeError(big.der()), kDecode, kDerDec, 91,
+               "CAUSE=ObjectIdentifierComponentTooLarge;TYPE_NAME=AlgorithmIdentifier;"
+               "FIELD_NAME=algorithm");
+    big.signature = tlv(0x30, tlv(0x06, hex("2A") + Bytes(127, '\xFF') + hex("7F")));
+    EXPECT_NO_THROW(Certificate(buf(big.der())));
+
     // BIT STRING: unused bits 0..7, none in an empty string, and zero in DER.
     for (const char* bits : {"030108", "03020800", "030101", "0300", "03020701"}) {
         CertParts p;
@@ -285,6 +294,10 @@ TEST(Decode, ExtensionContentsUnderBerRules) {
     expectSite(range("300B0209010000000000000000"), "TarnError_Asn1_RangeViolation",
                "tarn/asn1range", 58,
                "VALUE=18446744073709551616;MAXIMUM_VALUE=18446744073709551615");
+    // Integers too long for decimal text are reported in hex.
+    expectSite(range(("3047024501" + std::string(136, '0')).c_str()),
+               "TarnError_Asn1_RangeViolation", "tarn/asn1range", 58,
+               "VALUE=0x01" + std::string(136, '0') + ";MAXIMUM_VALUE=18446744073709551615");
     auto trailing = nebratest::expectEvent<asn1::TarnError_Asn1_Decode>(
         [&] { withBasicConstraints(hex("300301 01FF00")).basicConstraints(); });
     expectSite(trailing, kDecode, "tarn/codecs", 341,
