@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "asn1/text.h"
+#include "nebralib/buffer/codecs.h"
 
 namespace asn1 {
 
@@ -129,8 +130,8 @@ std::uint64_t offsetPlus(const Source& s, const unsigned char* p, std::uint64_t 
 }
 
 [[noreturn]] void raiseCause(const Source& s, const unsigned char* at, int line,
-                             const wchar_t* cause, const Field& f) {
-    auto e = decodeEvent(s, at, sites::kDerDecoder, line);
+                             const wchar_t* cause, const Field& f, const wchar_t* file) {
+    auto e = decodeEvent(s, at, file, line);
     e.setParam(L"CAUSE", cause);
     addField(e, f);
     throw e;
@@ -169,7 +170,8 @@ const unsigned char* parseHighTag(const Source& s, const unsigned char* p, const
     t.highForm = true;
     if (p == end) raiseTruncated(s, t.start, f);
     if (*p == 0x80) {
-        raiseCause(s, t.start, sites::kNonMinimalTag, L"NonMinimalTagEncoding", f);
+        raiseCause(s, t.start, sites::kNonMinimalTag, L"NonMinimalTagEncoding", f,
+                   sites::kTagLengths);
     }
     std::uint64_t number = 0;
     for (;;) {
@@ -184,7 +186,9 @@ const unsigned char* parseHighTag(const Source& s, const unsigned char* p, const
             .setParam(L"NUMBER", buffer::decimal(number));
     }
     // Numbers below 31 have to use the one-octet form.
-    if (number < 31) raiseCause(s, t.start, sites::kNonMinimalTag, L"NonMinimalTagEncoding", f);
+    if (number < 31)
+        raiseCause(s, t.start, sites::kNonMinimalTag, L"NonMinimalTagEncoding", f,
+                   sites::kTagLengths);
     t.number = static_cast<std::uint32_t>(number);
     return p;
 }
@@ -318,10 +322,19 @@ void checkObjectIdentifier(const Source& s, const Tlv& t, const Field& f) {
     std::size_t n = t.size();
     bool startOfComponent = true;
     bool bad = n == 0;
+    std::size_t componentStart = 0;
     for (std::size_t i = 0; i < n && !bad; ++i) {
         // A component never starts with 0x80 (a non-minimal leading zero).
-        if (startOfComponent && c[i] == 0x80) bad = true;
+        if (startOfComponent) {
+            if (c[i] == 0x80) bad = true;
+            componentStart = i;
+        }
         startOfComponent = !(c[i] & 0x80);
+        // Components are kept to a size whose decimal text is cheap to produce.
+        if (i - componentStart >= kMaxOidComponentOctets) {
+            raiseCause(s, t.start, sites::kOidComponentTooLarge,
+                       L"ObjectIdentifierComponentTooLarge", f);
+        }
     }
     if (bad || !startOfComponent)
         raiseCause(s, t.start, sites::kInvalidObjectId, L"InvalidObjectIdentifierEncoding", f);
@@ -351,7 +364,7 @@ bool validDate(unsigned year, unsigned month, unsigned day) {
 void checkTime(const Source& s, const Tlv& t, const Field& f) {
     const unsigned char* c = t.contents;
     std::size_t n = t.size();
-    unsigned year, month, day, hour, minute, second;
+    unsigned year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
     bool ok;
     if (t.id == kUtcTime) {
         // YYMMDDHHMMSSZ
@@ -384,6 +397,13 @@ bool integerValue(const Tlv& t, std::int64_t& v) {
 
 Buffer<wchar_t> integerText(const unsigned char* p, std::size_t n) {
     TextOut out;
+    if (n > kMaxDecimalOctets) {
+        // Too long for decimal text at a reasonable cost: hexadecimal contents instead.
+        out.put("0x");
+        Buffer<wchar_t> h = buffer::hex(p, n);
+        out.put(h.data(), h.size());
+        return out.buffer();
+    }
     if (n && (p[0] & 0x80)) {
         // Negative: the magnitude is the two's complement of the contents.
         std::vector<unsigned char> mag(p, p + n);

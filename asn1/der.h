@@ -42,6 +42,10 @@ enum : std::uint8_t {
 
 // Nesting allowed inside open-type values and indefinite-length encodings.
 constexpr int kMaxDepth = 48;
+// Largest OBJECT IDENTIFIER component, in octets (896 bits; UUID arcs need 128).
+constexpr std::size_t kMaxOidComponentOctets = 128;
+// Largest INTEGER rendered in decimal in an event parameter; longer ones are given in hex.
+constexpr std::size_t kMaxDecimalOctets = 64;
 
 // One value: identifier, length and contents as pointers into the input.
 struct Tlv {
@@ -84,7 +88,8 @@ struct Field {
 [[noreturn]] void raiseExplicitPrimitive(const Source& s, const Tlv& found, std::uint8_t expected,
                                          const Field& f);
 [[noreturn]] void raiseCause(const Source& s, const unsigned char* at, int line,
-                             const wchar_t* cause, const Field& f);
+                             const wchar_t* cause, const Field& f,
+                             const wchar_t* file = sites::kDerDecoder);
 [[noreturn]] void raiseEnd(const Source& s, const unsigned char* at,
                            const unsigned char* expectedEnd, std::uint64_t decodedEnd,
                            const Field& f);

@@ -96,6 +96,7 @@ constexpr int kInvalidBoolean = 61;        // "InvalidBooleanEncoding"
 constexpr int kInvalidInteger = 70;        // "InvalidIntegerEncoding"
 constexpr int kInvalidBitString = 79;      // "InvalidBitStringEncoding"
 constexpr int kInvalidObjectId = 88;       // "InvalidObjectIdentifierEncoding"
+constexpr int kOidComponentTooLarge = 91;  // "ObjectIdentifierComponentTooLarge" (> 128 octets)
 constexpr int kInvalidTime = 97;           // "InvalidTimeEncoding"
 constexpr int kInvalidStringLength = 106;  // "InvalidStringLength" (BMPString, UniversalString)
 constexpr int kNonMinimalLength = 112;     // "NonMinimalLengthEncoding"
