@@ -10,7 +10,7 @@ targets=(fuzz/fuzz_*.cpp)
 BUILD=${NEBRA_BUILD_FUZZ:-$PWD/build-fuzz}
 CC=clang CXX=clang++ cmake -S . -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DNEBRALIB_BUILD_FUZZ=ON -DNEBRALIB_BUILD_TESTS=OFF -DNEBRALIB_BUILD_TOOLS=OFF >/dev/null
-cmake --build "$BUILD" -j "$(nproc)"
+cmake --build "$BUILD" -j "${JOBS:-$(nproc)}"
 SECONDS_EACH=${FUZZ_SECONDS:-60}
 for src in "${targets[@]}"; do
   name=$(basename "$src" .cpp)
