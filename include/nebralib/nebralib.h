@@ -2,6 +2,7 @@
 // This header declares everything the library exports.
 #pragma once
 
+#include "nebralib/asn1/asn1.h"
 #include "nebralib/buffer/buffer.h"
 #include "nebralib/buffer/codecs.h"
 #include "nebralib/events/certstoreupdatererror.h"

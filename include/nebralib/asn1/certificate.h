@@ -18,7 +18,8 @@ public:
     ObjectIdentifier() = default;
     // From dotted text such as "2.5.4.3"; raises TarnError_Asn1_SettingValue on the component rules.
     static ObjectIdentifier fromDotted(const char* dotted);
-    // From DER contents octets (no tag, no length).
+    // From DER contents octets (no tag, no length); raises TarnError_Asn1_Decode when they are not
+    // a valid encoding.
     static ObjectIdentifier fromContents(const unsigned char* p, std::size_t n);
     bool isSet() const { return set_; }
     const buffer::Buffer<unsigned char>& contents() const { return contents_; }
@@ -39,6 +40,13 @@ private:
 NEBRALIB_EXPORT extern const ObjectIdentifier& id_at_commonName();
 NEBRALIB_EXPORT extern const ObjectIdentifier& id_ce_basicConstraints();
 NEBRALIB_EXPORT extern const ObjectIdentifier& id_ce_keyUsage();
+
+// One extension of a certificate; `value` views the contents of extnValue inside the certificate.
+struct Extension {
+    ObjectIdentifier extnId;
+    bool critical = false;
+    buffer::BufferRange<unsigned char> value;
+};
 
 struct BasicConstraints {
     bool cA = false;
@@ -83,6 +91,9 @@ public:
     const buffer::Buffer<unsigned char>& der() const;
     int version() const;  // 0 for v1, 1 for v2, 2 for v3
     buffer::BufferRange<unsigned char> serialNumber() const;  // INTEGER contents octets
+    // The complete DER of toBeSigned (the signed part) and of subjectPublicKeyInfo.
+    buffer::BufferRange<unsigned char> toBeSigned() const;
+    buffer::BufferRange<unsigned char> subjectPublicKeyInfo() const;
     const Name& subject() const;
     const Name& issuer() const;
     // Subject and issuer compare equal as encoded values.
@@ -91,6 +102,13 @@ public:
     // Extension lookup by OID; the value is the contents of extnValue (the inner DER).
     bool hasExtension(const ObjectIdentifier& oid) const;
     bool extensionValue(const ObjectIdentifier& oid, buffer::BufferRange<unsigned char>& value) const;
+    // The same for an extension that must be there: raises TarnError_Asn1_ObjectMissing
+    // ("EXTENSION" = dotted OID) when it is absent.
+    buffer::BufferRange<unsigned char> requireExtension(const ObjectIdentifier& oid) const;
+    // The extensions in encoding order; extensionAt raises TarnError_Asn1_InvalidItemIndex past
+    // the end.
+    std::size_t extensionCount() const;
+    Extension extensionAt(std::size_t index) const;
     // Whether KeyUsage admits bit `bit` (RFC 5280 numbering); no KeyUsage extension admits none.
     bool checkUsage(int bit) const;
     // Decodes BasicConstraintsSyntax (BER rules); cA false and no path length when absent.
