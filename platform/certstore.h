@@ -106,6 +106,9 @@ NEBRALIB_EXPORT Api& native();
 // Installs `impl` (null: the real store again) and returns the one it replaces.
 NEBRALIB_EXPORT Api* install(Api* impl);
 
+// Where the current user's stores are kept, for messages (a file path on Linux).
+NEBRALIB_EXPORT std::string location();
+
 // GetLastError / SetLastError of the store calls (thread-local on Linux).
 NEBRALIB_EXPORT std::uint32_t lastError();
 NEBRALIB_EXPORT void setLastError(std::uint32_t code);

@@ -5,5 +5,6 @@
 #include "nebralib/asn1/asn1.h"
 #include "nebralib/buffer/buffer.h"
 #include "nebralib/buffer/codecs.h"
+#include "nebralib/certstorehelper.h"
 #include "nebralib/events/certstoreupdatererror.h"
 #include "nebralib/events/genericevent.h"

@@ -109,16 +109,20 @@ std::string databaseDir() {
 }
 
 void digestOf(const unsigned char* der, std::size_t size, unsigned char out[32]) {
+    // Fetched once: an implicit fetch on every call costs more than hashing a certificate.
+    static EVP_MD* sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
     unsigned int len = 0;
-    if (EVP_Digest(der, size, out, &len, EVP_sha256(), nullptr) != 1 || len != 32)
+    if (!sha256 || EVP_Digest(der, size, out, &len, sha256, nullptr) != 1 || len != 32)
         std::memset(out, 0, 32);  // not reached with a working libcrypto; lookups then just miss
 }
+
+using Props = std::map<std::uint32_t, std::vector<unsigned char>>;
 
 // One open database connection with its prepared statements.
 class Db {
   public:
     ~Db() {
-        for (sqlite3_stmt* s : {find_, insert_, next_, delete_, getProp_, setProp_, storeId_})
+        for (sqlite3_stmt* s : {find_, load_, insert_, next_, delete_, setProp_, storeId_})
             sqlite3_finalize(s);
         if (h_) {
             if (pendingAdds_ > 0) exec("COMMIT");
@@ -191,20 +195,47 @@ class Db {
         return -1;
     }
 
-    // The first certificate of the store after `after`: id (0 at the end, -1 on failure) and DER.
-    std::int64_t next(std::int64_t store, std::int64_t after, std::vector<unsigned char>& der) {
+    // The certificate with this encoding and all its properties, read together: its id, 0 when
+    // absent, -1 on failure.
+    std::int64_t load(std::int64_t store, const unsigned char* der, std::size_t size,
+                      Props& props) {
+        unsigned char digest[32];
+        digestOf(der, size, digest);
+        Use u(load_);
+        sqlite3_bind_int64(load_, 1, store);
+        sqlite3_bind_blob(load_, 2, digest, 32, SQLITE_STATIC);
+        sqlite3_bind_blob(load_, 3, der, static_cast<int>(size), SQLITE_STATIC);
+        std::int64_t id = 0;
+        int rc;
+        while ((rc = sqlite3_step(load_)) == SQLITE_ROW) {
+            id = sqlite3_column_int64(load_, 0);
+            readProperty(load_, 1, props);
+        }
+        if (rc == SQLITE_DONE) return id;
+        t_lastError = storeError(rc);
+        return -1;
+    }
+
+    // The first certificate of the store after `after` with its DER and properties: its id, 0 at
+    // the end, -1 on failure.
+    std::int64_t next(std::int64_t store, std::int64_t after, std::vector<unsigned char>& der,
+                      Props& props) {
         Use u(next_);
         sqlite3_bind_int64(next_, 1, store);
         sqlite3_bind_int64(next_, 2, after);
-        int rc = sqlite3_step(next_);
-        if (rc == SQLITE_DONE) return 0;
-        if (rc != SQLITE_ROW) {
-            t_lastError = storeError(rc);
-            return -1;
+        std::int64_t id = 0;
+        int rc;
+        while ((rc = sqlite3_step(next_)) == SQLITE_ROW) {
+            if (!id) {
+                id = sqlite3_column_int64(next_, 0);
+                auto* p = static_cast<const unsigned char*>(sqlite3_column_blob(next_, 1));
+                der.assign(p, p + sqlite3_column_bytes(next_, 1));
+            }
+            readProperty(next_, 2, props);
         }
-        auto* p = static_cast<const unsigned char*>(sqlite3_column_blob(next_, 1));
-        der.assign(p, p + sqlite3_column_bytes(next_, 1));
-        return sqlite3_column_int64(next_, 0);
+        if (rc == SQLITE_DONE) return id;
+        t_lastError = storeError(rc);
+        return -1;
     }
 
     bool remove(std::int64_t cert) {
@@ -221,22 +252,6 @@ class Db {
         }
         rc = endWrite(true);
         return rc == SQLITE_OK || fail(storeError(rc));
-    }
-
-    // 1 found (value filled), 0 absent, -1 failure.
-    int getProp(std::int64_t cert, std::uint32_t prop, std::vector<unsigned char>& value) {
-        Use u(getProp_);
-        sqlite3_bind_int64(getProp_, 1, cert);
-        sqlite3_bind_int64(getProp_, 2, prop);
-        int rc = sqlite3_step(getProp_);
-        if (rc == SQLITE_DONE) return 0;
-        if (rc != SQLITE_ROW) {
-            t_lastError = storeError(rc);
-            return -1;
-        }
-        auto* p = static_cast<const unsigned char*>(sqlite3_column_blob(getProp_, 0));
-        value.assign(p, p + sqlite3_column_bytes(getProp_, 0));
-        return 1;
     }
 
     bool setProp(std::int64_t cert, std::uint32_t prop, const unsigned char* data,
@@ -290,6 +305,15 @@ class Db {
     };
 
     int exec(const char* sql) { return sqlite3_exec(h_, sql, nullptr, nullptr, nullptr); }
+
+    // Columns `col` (identifier) and `col + 1` (value) of a row; NULL when the certificate has
+    // no properties (outer join).
+    static void readProperty(sqlite3_stmt* s, int col, Props& props) {
+        if (sqlite3_column_type(s, col) == SQLITE_NULL) return;
+        auto* p = static_cast<const unsigned char*>(sqlite3_column_blob(s, col + 1));
+        props[static_cast<std::uint32_t>(sqlite3_column_int64(s, col))].assign(
+            p, p + sqlite3_column_bytes(s, col + 1));
+    }
 
     // Inside a held add transaction, writes join it; otherwise each write is its own.
     bool beginWrite(int* rc) {
@@ -379,9 +403,13 @@ class Db {
         } statements[] = {
             {&find_, "SELECT id FROM certs WHERE store=?1 AND digest=?2 AND der=?3"},
             {&insert_, "INSERT INTO certs(store, digest, der) VALUES(?1, ?2, ?3)"},
-            {&next_, "SELECT id, der FROM certs WHERE store=?1 AND id>?2 ORDER BY id LIMIT 1"},
+            {&load_,
+             "SELECT c.id, p.prop, p.value FROM certs c LEFT JOIN props p ON p.cert = c.id"
+             " WHERE c.store=?1 AND c.digest=?2 AND c.der=?3"},
+            {&next_,
+             "SELECT c.id, c.der, p.prop, p.value FROM (SELECT id, der FROM certs"
+             " WHERE store=?1 AND id>?2 ORDER BY id LIMIT 1) c LEFT JOIN props p ON p.cert = c.id"},
             {&delete_, "DELETE FROM certs WHERE id=?1"},
-            {&getProp_, "SELECT value FROM props WHERE cert=?1 AND prop=?2"},
             {&setProp_,
              "INSERT INTO props(cert, prop, value) VALUES(?1, ?2, ?3)"
              " ON CONFLICT(cert, prop) DO UPDATE SET value=excluded.value"},
@@ -409,7 +437,7 @@ class Db {
     sqlite3_stmt* insert_ = nullptr;
     sqlite3_stmt* next_ = nullptr;
     sqlite3_stmt* delete_ = nullptr;
-    sqlite3_stmt* getProp_ = nullptr;
+    sqlite3_stmt* load_ = nullptr;
     sqlite3_stmt* setProp_ = nullptr;
     sqlite3_stmt* storeId_ = nullptr;
     int pendingAdds_ = 0;
@@ -425,8 +453,9 @@ struct StoreHandle {
     std::int64_t id = 0;
 };
 
-// A certificate context. Contexts in a store read and write their properties in the database;
-// a context in no store keeps them in memory.
+// A certificate context. Like a CryptoAPI context it holds the certificate's properties in
+// memory: read with the certificate in one query when the context is obtained, so lookups cost
+// one indexed read. Writes go to the database (for a context in a store) and to the copy.
 struct Context {
     std::uint32_t magic = kCertMagic;
     int refs = 1;
@@ -435,11 +464,7 @@ struct Context {
     std::int64_t id = 0;
     bool holdsAdd = false;  // keeps the add's write transaction open until freed
     std::vector<unsigned char> der;
-    std::map<std::uint32_t, std::vector<unsigned char>> localProps;
-    // The value fetched by the last size query, served to the read that follows it.
-    std::uint32_t cachedProp = 0;
-    bool cached = false;
-    std::vector<unsigned char> cache;
+    Props props;
 };
 
 StoreHandle* asStore(Store s) {
@@ -523,10 +548,13 @@ class SqliteStore : public Api {
         StoreHandle* h = asStore(store);
         Context* p = asCert(probe);
         if (!h || !p) return failNull(kErrorInvalidParameter);
-        std::int64_t id = h->db->find(h->id, p->der.data(), p->der.size());
+        Props props;
+        std::int64_t id = h->db->load(h->id, p->der.data(), p->der.size(), props);
         if (id < 0) return nullptr;
         if (id == 0) return failNull(kCryptENotFound);
-        return inStore(h, id, p->der);
+        Context* ctx = inStore(h, id, p->der);
+        ctx->props.swap(props);
+        return ctx;
     }
 
     Cert enumCertificates(Store store, Cert prev) override {
@@ -536,10 +564,13 @@ class SqliteStore : public Api {
         std::int64_t after = p ? p->id : 0;
         if (p) release(p);
         std::vector<unsigned char> der;
-        std::int64_t id = h->db->next(h->id, after, der);
+        Props props;
+        std::int64_t id = h->db->next(h->id, after, der, props);
         if (id < 0) return nullptr;
         if (id == 0) return failNull(kCryptENotFound);
-        return inStore(h, id, der);
+        Context* ctx = inStore(h, id, std::move(der));
+        ctx->props.swap(props);
+        return ctx;
     }
 
     bool addEncoded(Store store, const unsigned char* der, std::size_t size, Cert* added) override {
@@ -598,30 +629,11 @@ class SqliteStore : public Api {
     bool getProperty(Cert cert, std::uint32_t propId, void* data, std::uint32_t* size) override {
         Context* ctx = asCert(cert);
         if (!ctx || !size) return fail(kErrorInvalidParameter);
-        std::vector<unsigned char> fetched;
-        const std::vector<unsigned char>* value = nullptr;
-        if (!ctx->db) {
-            auto it = ctx->localProps.find(propId);
-            if (it == ctx->localProps.end()) return fail(kCryptENotFound);
-            value = &it->second;
-        } else if (data && ctx->cached && ctx->cachedProp == propId) {
-            fetched.swap(ctx->cache);
-            ctx->cached = false;
-            value = &fetched;
-        } else {
-            int found = ctx->db->getProp(ctx->id, propId, fetched);
-            if (found < 0) return false;
-            if (found == 0) return fail(kCryptENotFound);
-            value = &fetched;
-        }
-        if (value->size() > UINT32_MAX) return fail(kErrorStoreFailure);
-        auto needed = static_cast<std::uint32_t>(value->size());
+        auto it = ctx->props.find(propId);
+        if (it == ctx->props.end()) return fail(kCryptENotFound);
+        if (it->second.size() > UINT32_MAX) return fail(kErrorStoreFailure);
+        auto needed = static_cast<std::uint32_t>(it->second.size());
         if (!data) {
-            if (ctx->db) {
-                ctx->cache.swap(fetched);
-                ctx->cachedProp = propId;
-                ctx->cached = true;
-            }
             *size = needed;
             return true;
         }
@@ -629,7 +641,7 @@ class SqliteStore : public Api {
             *size = needed;
             return fail(kErrorMoreData);
         }
-        if (needed) std::memcpy(data, value->data(), needed);
+        if (needed) std::memcpy(data, it->second.data(), needed);
         *size = needed;
         return true;
     }
@@ -638,12 +650,9 @@ class SqliteStore : public Api {
                      std::size_t size) override {
         Context* ctx = asCert(cert);
         if (!ctx || (size && !data)) return fail(kErrorInvalidParameter);
-        ctx->cached = false;
-        if (!ctx->db) {
-            ctx->localProps[propId].assign(data, data + size);
-            return true;
-        }
-        return ctx->db->setProp(ctx->id, propId, data, size);
+        if (ctx->db && !ctx->db->setProp(ctx->id, propId, data, size)) return false;
+        ctx->props[propId].assign(data, data + size);
+        return true;
     }
 
     bool setKeyProvInfo(Cert cert, const KeyProvInfo& info) override {
@@ -699,6 +708,12 @@ class SqliteStore : public Api {
 Api& native() {
     static SqliteStore instance;
     return instance;
+}
+
+std::string location() {
+    std::string dir = databaseDir();
+    return dir.empty() ? std::string("~/.local/share/nebralib/certstores.sqlite")
+                       : dir + "/certstores.sqlite";
 }
 
 std::uint32_t lastError() {

@@ -1,6 +1,7 @@
 // Certificate stores and key providers on Windows: the CryptoAPI calls themselves.
-#include <wincrypt.h>
 #include <windows.h>
+// after windows.h, which it needs
+#include <wincrypt.h>
 
 #include <cstdint>
 #include <cstring>
@@ -140,6 +141,10 @@ class CryptoApiStore : public Api {
 Api& native() {
     static CryptoApiStore instance;
     return instance;
+}
+
+std::string location() {
+    return "the current user's system stores in the registry";
 }
 
 std::uint32_t lastError() {

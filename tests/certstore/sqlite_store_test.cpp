@@ -7,6 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 
@@ -343,6 +345,81 @@ TEST(SqliteStore, RefusesADatabaseItCannotUse) {
     chmod((data + "/nebralib").c_str(), 0700);
     chmod(path.c_str(), 0600);
     EXPECT_TRUE(opens(L"MY"));
+}
+
+TEST(SqliteStore, TheHelperReportsAnUnusableDatabaseAsOpenSystemStore) {
+    using namespace pkcs11::certstoreupdater;
+    nebratest::TempDir dir;
+    ScopedEnv xdg("XDG_DATA_HOME", dir.path().c_str());
+    ASSERT_TRUE(opens(L"MY"));
+    std::string path = dbPath(dir.path());
+    nebratest::writeFile(path, "SQLite format 3" + std::string(4096, '\x7f'));
+    auto e =
+        nebratest::expectEvent<CertStoreUpdaterError_OpenSystemStore>([] { CertStoreHelper h; });
+    nebratest::expectSite(e, "CertStoreUpdaterError_OpenSystemStore", "src\\certstorehelper", 69,
+                          "STORE=MY");
+
+    // Unwritable: the same event, seen by a user who may not write the database.
+    unlink(path.c_str());
+    ASSERT_TRUE(opens(L"Trusted People"));
+    chmod(path.c_str(), 0444);
+    chmod(dir.path().c_str(), 0755);
+    chmod((dir.path() + "/nebralib").c_str(), 0555);
+    for (const char* suffix : {"-wal", "-shm"}) unlink((path + suffix).c_str());
+    EXPECT_TRUE(unprivileged([] {
+        try {
+            CertStoreHelper h(L"Trusted People");
+        } catch (const CertStoreUpdaterError_OpenSystemStore& e) {
+            const Buffer<wchar_t>* store = e.param(L"STORE");
+            return e.line() == 69 && store && *store == Buffer<wchar_t>(L"Trusted People");
+        }
+        return false;
+    }));
+    chmod((dir.path() + "/nebralib").c_str(), 0700);
+}
+
+// The key providers of a Linux machine are p11-kit's registered modules, in p11-kit's order.
+TEST(P11KitProviders, AreTheRegisteredModulesInP11KitsOrder) {
+    using pkcs11::certstoreupdater::CertStoreHelper;
+    auto ours = CertStoreHelper::listCSPs();
+    // p11-kit's own listing shows the modules that also initialise; each is ours, in order.
+    FILE* p = popen("p11-kit list-modules 2>/dev/null", "r");
+    ASSERT_NE(p, nullptr);
+    std::vector<std::wstring> theirs;
+    char line[4096];
+    while (std::fgets(line, sizeof line, p)) {
+        std::string l(line);
+        if (l.empty() || l[0] == ' ' || l.find(':') == std::string::npos) continue;
+        theirs.push_back(buffer::fromUtf8(l.substr(0, l.find(':'))));
+    }
+    pclose(p);
+    ASSERT_FALSE(theirs.empty());
+    auto at = ours->begin();
+    for (const auto& name : theirs) {
+        at = std::find(at, ours->end(), name);
+        ASSERT_NE(at, ours->end()) << nebratest::u8(name) << " missing or out of order";
+    }
+
+    // A module the user registers appears under its configuration name; with the highest
+    // priority it comes first. (p11-kit reads user configuration only for users other than
+    // root.)
+    nebratest::TempDir home;
+    std::string modules = home.path() + "/.config/pkcs11/modules";
+    // A copy of p11-kit's trust module: p11-kit merges registrations of one module file.
+    ASSERT_EQ(nebratest::sh("mkdir -p '" + modules +
+                            "' && cp \"$(pkg-config --variable="
+                            "p11_module_path p11-kit-1)/p11-kit-trust.so\" '" +
+                            home.path() + "/module.so' && chmod -R a+rX '" + home.path() + "'"),
+              0);
+    nebratest::writeFile(modules + "/nebra-test-module.module",
+                         "module: " + home.path() + "/module.so\npriority: 99\n");
+    chmod((modules + "/nebra-test-module.module").c_str(), 0644);
+    std::string homeDir = home.path();
+    EXPECT_TRUE(unprivileged([homeDir] {
+        setenv("HOME", homeDir.c_str(), 1);
+        auto names = CertStoreHelper::listCSPs();
+        return !names->empty() && names->front() == L"nebra-test-module";
+    }));
 }
 
 }  // namespace

@@ -77,12 +77,17 @@ bool FaultyStore::fires(Op op, std::uint32_t propId) {
 
 cs::Store FaultyStore::openSystemStore(const std::wstring& name) {
     if (fires(Op::Open)) return nullptr;
-    return inner_->openSystemStore(name);
+    cs::Store s = inner_->openSystemStore(name);
+    if (s) ++stores_;
+    return s;
 }
 cs::Store FaultyStore::duplicateStore(cs::Store store) {
-    return inner_->duplicateStore(store);
+    cs::Store s = inner_->duplicateStore(store);
+    if (s) ++stores_;
+    return s;
 }
 bool FaultyStore::closeStore(cs::Store store) {
+    --stores_;
     return inner_->closeStore(store);
 }
 

@@ -70,6 +70,8 @@ class FaultyStore : public platform::certstore::Api {
 
     // Live contexts obtained through this wrapper and not yet released (leak check).
     int liveContexts() const { return live_; }
+    // Store references opened or duplicated through this wrapper and not yet closed.
+    int liveStores() const { return stores_; }
 
   private:
     struct Fault {
@@ -86,6 +88,7 @@ class FaultyStore : public platform::certstore::Api {
     std::vector<Fault> faults_;
     int calls_[8] = {};
     int live_ = 0;
+    int stores_ = 0;
 };
 
 // Wraps the provider enumeration in use and fails one call: the size query of index
