@@ -12,8 +12,6 @@ using storetest::der;
 
 namespace {
 
-constexpr std::uint32_t kCspRef = 54086;
-
 Buffer<unsigned char> encodedOf(cs::Api& api, cs::Cert c) {
     std::size_t n = 0;
     const unsigned char* p = api.encoded(c, &n);
@@ -165,23 +163,6 @@ TEST_F(PlatformStore, PropertiesAreReadWithASizeQueryAndOutliveTheHandle) {
     ASSERT_NE(store_, nullptr);
 }
 
-TEST_F(PlatformStore, ApplicationPropertyKeepsItsBytes) {
-    if (nebratest::runningUnderWine())
-        GTEST_SKIP() << "Wine 8 cannot set application certificate properties (id 54086)";
-    cs::Cert c = add(der("alice"));
-    ASSERT_NE(c, nullptr);
-    const unsigned char ref[] = {0x4B, 0x31, 0x0A, 0x50, 0x72, 0x6F, 0x76, 0x0A};
-    ASSERT_TRUE(api_.setProperty(c, kCspRef, ref, sizeof ref)) << "error " << cs::lastError();
-    Buffer<unsigned char> back;
-    ASSERT_TRUE(readProperty(api_, c, kCspRef, back));
-    EXPECT_EQ(back, Buffer<unsigned char>(ref, sizeof ref));
-    // Setting again replaces the value.
-    ASSERT_TRUE(api_.setProperty(c, kCspRef, ref, 3));
-    ASSERT_TRUE(readProperty(api_, c, kCspRef, back));
-    EXPECT_EQ(back, Buffer<unsigned char>(ref, 3));
-    api_.freeContext(c);
-}
-
 TEST_F(PlatformStore, StoresAreSeparateByNameAndHandlesShareOne) {
     Buffer<unsigned char> root = der("root");
     cs::Cert c = add(root);
@@ -207,43 +188,6 @@ TEST_F(PlatformStore, StoresAreSeparateByNameAndHandlesShareOne) {
     EXPECT_EQ(dup, store_);
     EXPECT_TRUE(api_.closeStore(dup));
     EXPECT_EQ(contents(store_).size(), 1u);
-}
-
-TEST_F(PlatformStore, EnumerationSurvivesDeletingThroughADuplicate) {
-    if (nebratest::runningUnderWine())
-        GTEST_SKIP() << "Wine 8 loops forever when a context is deleted through a duplicate "
-                        "during enumeration";
-    std::vector<std::string> names = {"root", "alice", "signing", "agreement", "nocn"};
-    for (const auto& n : names) {
-        cs::Cert c = add(der(n));
-        ASSERT_NE(c, nullptr);
-        api_.freeContext(c);
-    }
-    std::multiset<std::string> seen;
-    std::multiset<std::string> kept;
-    int index = 0;
-    for (cs::Cert c = api_.enumCertificates(store_, nullptr); c;
-         c = api_.enumCertificates(store_, c), ++index) {
-        std::string d = str(encodedOf(api_, c));
-        seen.insert(d);
-        if (index % 2 == 1) {
-            cs::Cert dup = api_.duplicateContext(c);
-            ASSERT_NE(dup, nullptr);
-            EXPECT_TRUE(api_.compareCertificates(dup, c));
-            ASSERT_TRUE(api_.deleteFromStore(dup));
-        } else {
-            kept.insert(d);
-        }
-    }
-    EXPECT_EQ(seen.size(), names.size());
-    EXPECT_EQ(contents(store_), kept);
-    // Deleting a certificate that is already gone succeeds and changes nothing.
-    cs::Cert c = add(der("nousage"));
-    ASSERT_NE(c, nullptr);
-    cs::Cert dup = api_.duplicateContext(c);
-    EXPECT_TRUE(api_.deleteFromStore(dup));
-    EXPECT_TRUE(api_.deleteFromStore(c));
-    EXPECT_EQ(contents(store_), kept);
 }
 
 }  // namespace
