@@ -79,8 +79,9 @@ class NEBRALIB_EXPORT Api {
     // CertCompareCertificate(X509_ASN_ENCODING, a->pCertInfo, b->pCertInfo): true when the two
     // name the same certificate.
     virtual bool compareCertificates(Cert a, Cert b) = 0;
-    // CertFreeCertificateContext.
-    virtual void freeContext(Cert cert) = 0;
+    // CertFreeCertificateContext. False when releasing the last reference of an added
+    // certificate could not complete the addition (the Linux store commits it then).
+    virtual bool freeContext(Cert cert) = 0;
 
     // CertGetCertificateContextProperty: with data null, *size receives the value's size; else
     // the value is copied into data (at most *size bytes; kErrorMoreData when too small). Fails

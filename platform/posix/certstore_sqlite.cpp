@@ -286,11 +286,12 @@ class Db {
         ++pendingAdds_;
         return true;
     }
-    void releaseAdd(bool keep) {
-        if (pendingAdds_ == 0) return;
-        if (--pendingAdds_ == 0) {
-            if (!keep || exec("COMMIT") != SQLITE_OK) exec("ROLLBACK");
-        }
+    // SQLITE_OK, or the error of a commit that failed (the addition is then rolled back).
+    int releaseAdd(bool keep) {
+        if (pendingAdds_ == 0 || --pendingAdds_ > 0) return SQLITE_OK;
+        int rc = keep ? exec("COMMIT") : SQLITE_OK;
+        if (!keep || rc != SQLITE_OK) exec("ROLLBACK");
+        return rc;
     }
 
   private:
@@ -476,11 +477,14 @@ Context* asCert(Cert c) {
     return ctx && ctx->magic == kCertMagic && ctx->refs > 0 ? ctx : nullptr;
 }
 
-void release(Context* ctx) {
-    if (--ctx->refs > 0) return;
-    if (ctx->holdsAdd && ctx->db) ctx->db->releaseAdd(true);
+// Drops a reference; the last one of an added certificate commits the addition. False when that
+// commit failed.
+bool release(Context* ctx) {
+    if (--ctx->refs > 0) return true;
+    int rc = ctx->holdsAdd && ctx->db ? ctx->db->releaseAdd(true) : SQLITE_OK;
     ctx->magic = 0;
     delete ctx;
+    return rc == SQLITE_OK || fail(storeError(rc));
 }
 
 void putU32(std::vector<unsigned char>& out, std::uint32_t v) {
@@ -622,8 +626,9 @@ class SqliteStore : public Api {
         return x->der == y->der;
     }
 
-    void freeContext(Cert cert) override {
-        if (Context* ctx = asCert(cert)) release(ctx);
+    bool freeContext(Cert cert) override {
+        Context* ctx = asCert(cert);
+        return ctx ? release(ctx) : fail(kErrorInvalidParameter);
     }
 
     bool getProperty(Cert cert, std::uint32_t propId, void* data, std::uint32_t* size) override {

@@ -83,7 +83,7 @@ class CryptoApiStore : public Api {
     bool compareCertificates(Cert a, Cert b) override {
         return CertCompareCertificate(kEncoding, ctx(a)->pCertInfo, ctx(b)->pCertInfo) != FALSE;
     }
-    void freeContext(Cert cert) override { CertFreeCertificateContext(ctx(cert)); }
+    bool freeContext(Cert cert) override { return CertFreeCertificateContext(ctx(cert)) != FALSE; }
 
     bool getProperty(Cert cert, std::uint32_t propId, void* data, std::uint32_t* size) override {
         DWORD n = *size;

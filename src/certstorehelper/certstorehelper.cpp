@@ -33,6 +33,12 @@ class ContextGuard {
     ContextGuard(const ContextGuard&) = delete;
     ContextGuard& operator=(const ContextGuard&) = delete;
     cs::Cert get() const { return ctx_; }
+    // Hands the context over to the caller, who frees it.
+    cs::Cert release() {
+        cs::Cert ctx = ctx_;
+        ctx_ = nullptr;
+        return ctx;
+    }
     // Takes over `ctx` without freeing the current one (enumeration has released it already).
     void replace(cs::Cert ctx) { ctx_ = ctx; }
 
@@ -259,6 +265,12 @@ void CertStoreHelper::addCspCertificate(const std::wstring& csp, const std::wstr
     if (!api.setProperty(added, kCspReferencePropId, ref.data(), ref.size()))
         throw CertStoreUpdaterError_SetCertVeltraneCspRefFailed(sourceFile(), kLineSetCspReference)
             .setParam(L"CSP", csp);
+
+    // Releasing the context completes the addition: the Linux store commits the certificate with
+    // its properties only then. If that fails the certificate was not added after all.
+    if (!api.freeContext(context.release()))
+        throw CertStoreUpdaterError_AddCertificateToStoreFailed(sourceFile(),
+                                                                kLineAddCertificateToStore);
 }
 
 void CertStoreHelper::addCspCertificates(const std::wstring& csp, const CertMap& certs,

@@ -369,13 +369,20 @@ TEST_F(Helper, EveryFailingStoreCallRaisesItsEventAndKeepsWhatWasDone) {
     EXPECT_TRUE(present().count("nocn"));
     EXPECT_FALSE(present().count("nousage"));
 
+    // Completing the addition, when its context is released, fails: the add did not take.
+    faults.fail(Op::Free, cs::kErrorStoreFailure, 0, 0, 1);
+    site(nebratest::expectEvent<CertStoreUpdaterError_AddCertificateToStoreFailed>(
+             [&] { helper_->addCspCertificate(L"P", L"K7", L"", cert("agreement"), true); }),
+         "CertStoreUpdaterError_AddCertificateToStoreFailed", 231, "");
+
     faults.fail(Op::GetPropertyRead, 5, 54086, 0, 1);
     site(nebratest::expectEvent<CertStoreUpdaterError_GetCertContextPropertyFailed>(
              [&] { helper_->findCspCertificate(L"Q", cert("nocn")); }),
          "CertStoreUpdaterError_GetCertContextPropertyFailed", 173, "PROPERTY=54086");
 
     // Removal, from four certificates bound to P.
-    for (const char* n : {"alice", "signing", "root", "nocn"}) helper_->deleteCertificate(cert(n));
+    for (const char* n : {"alice", "signing", "root", "nocn", "agreement"})
+        helper_->deleteCertificate(cert(n));
     helper_->addCspCertificates(
         L"P", mapOf({{L"A", "alice"}, {L"B", "signing"}, {L"C", "root"}, {L"D", "nocn"}}), true);
     auto bound = [&] { return helper_->listCertsByCsp(L"P", false)->size(); };

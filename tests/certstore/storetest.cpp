@@ -137,9 +137,15 @@ bool FaultyStore::compareCertificates(cs::Cert a, cs::Cert b) {
     if (fires(Op::CompareMismatch)) return false;
     return inner_->compareCertificates(a, b);
 }
-void FaultyStore::freeContext(cs::Cert cert) {
+bool FaultyStore::freeContext(cs::Cert cert) {
     if (cert) --live_;
-    inner_->freeContext(cert);
+    if (fires(Op::Free)) {
+        std::uint32_t error = cs::lastError();
+        inner_->freeContext(cert);
+        cs::setLastError(error);
+        return false;
+    }
+    return inner_->freeContext(cert);
 }
 bool FaultyStore::getProperty(cs::Cert cert, std::uint32_t propId, void* data,
                               std::uint32_t* size) {

@@ -33,6 +33,7 @@ class FaultyStore : public platform::certstore::Api {
         Duplicate,
         CompareMismatch,
         Delete,
+        Free,  // releasing the context still happens
     };
     FaultyStore();
     ~FaultyStore() override;
@@ -57,7 +58,7 @@ class FaultyStore : public platform::certstore::Api {
     bool deleteFromStore(platform::certstore::Cert cert) override;
     platform::certstore::Cert duplicateContext(platform::certstore::Cert cert) override;
     bool compareCertificates(platform::certstore::Cert a, platform::certstore::Cert b) override;
-    void freeContext(platform::certstore::Cert cert) override;
+    bool freeContext(platform::certstore::Cert cert) override;
     bool getProperty(platform::certstore::Cert cert, std::uint32_t propId, void* data,
                      std::uint32_t* size) override;
     bool setProperty(platform::certstore::Cert cert, std::uint32_t propId,
@@ -86,7 +87,7 @@ class FaultyStore : public platform::certstore::Api {
 
     platform::certstore::Api* inner_;
     std::vector<Fault> faults_;
-    int calls_[8] = {};
+    int calls_[9] = {};
     int live_ = 0;
     int stores_ = 0;
 };
