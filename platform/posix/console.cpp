@@ -28,9 +28,7 @@ std::string promptHidden(const char* prompt) {
     return line;
 }
 
-bool stderrIsTerminal() {
-    return isatty(STDERR_FILENO) != 0;
-}
+bool stderrIsTerminal() { return isatty(STDERR_FILENO) != 0; }
 
 }  // namespace console
 }  // namespace platform

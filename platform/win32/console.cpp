@@ -28,9 +28,7 @@ std::string promptHidden(const char* prompt) {
     return line;
 }
 
-bool stderrIsTerminal() {
-    return _isatty(_fileno(stderr)) != 0;
-}
+bool stderrIsTerminal() { return _isatty(_fileno(stderr)) != 0; }
 
 }  // namespace console
 }  // namespace platform
