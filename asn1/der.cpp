@@ -129,8 +129,8 @@ std::uint64_t offsetPlus(const Source& s, const unsigned char* p, std::uint64_t 
 }
 
 [[noreturn]] void raiseCause(const Source& s, const unsigned char* at, int line,
-                             const wchar_t* cause, const Field& f) {
-    auto e = decodeEvent(s, at, sites::kDerDecoder, line);
+                             const wchar_t* cause, const Field& f, const wchar_t* file) {
+    auto e = decodeEvent(s, at, file, line);
     e.setParam(L"CAUSE", cause);
     addField(e, f);
     throw e;
@@ -169,7 +169,8 @@ const unsigned char* parseHighTag(const Source& s, const unsigned char* p, const
     t.highForm = true;
     if (p == end) raiseTruncated(s, t.start, f);
     if (*p == 0x80) {
-        raiseCause(s, t.start, sites::kNonMinimalTag, L"NonMinimalTagEncoding", f);
+        raiseCause(s, t.start, sites::kNonMinimalTag, L"NonMinimalTagEncoding", f,
+                   sites::kTagLengths);
     }
     std::uint64_t number = 0;
     for (;;) {
@@ -184,7 +185,9 @@ const unsigned char* parseHighTag(const Source& s, const unsigned char* p, const
             .setParam(L"NUMBER", buffer::decimal(number));
     }
     // Numbers below 31 have to use the one-octet form.
-    if (number < 31) raiseCause(s, t.start, sites::kNonMinimalTag, L"NonMinimalTagEncoding", f);
+    if (number < 31)
+        raiseCause(s, t.start, sites::kNonMinimalTag, L"NonMinimalTagEncoding", f,
+                   sites::kTagLengths);
     t.number = static_cast<std::uint32_t>(number);
     return p;
 }

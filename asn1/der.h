@@ -84,7 +84,8 @@ struct Field {
 [[noreturn]] void raiseExplicitPrimitive(const Source& s, const Tlv& found, std::uint8_t expected,
                                          const Field& f);
 [[noreturn]] void raiseCause(const Source& s, const unsigned char* at, int line,
-                             const wchar_t* cause, const Field& f);
+                             const wchar_t* cause, const Field& f,
+                             const wchar_t* file = sites::kDerDecoder);
 [[noreturn]] void raiseEnd(const Source& s, const unsigned char* at,
                            const unsigned char* expectedEnd, std::uint64_t decodedEnd,
                            const Field& f);

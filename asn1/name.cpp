@@ -37,6 +37,8 @@
 // and a raw line feed), wherever it stands; spaces, leading or trailing, are left alone.
 #include <cstring>
 #include <cwchar>
+#include <new>
+#include <type_traits>
 #include <vector>
 
 #include "asn1/der.h"
@@ -54,7 +56,8 @@ namespace {
 
 struct AttributeType {
     const wchar_t* label;
-    bool text;  // value syntax "text"; false: rendered as hex
+    bool text;           // value syntax "text"; false: rendered as hex
+    std::size_t length;  // of the label
 };
 
 const OidTable<AttributeType>& attributeTypes() {
@@ -98,11 +101,29 @@ const OidTable<AttributeType>& attributeTypes() {
             {"1.3.6.1.4.1.311.60.2.1.3", L"JURISDICTIONC", true},
         };
         OidTable<AttributeType> t;
-        for (const auto& r : kRows) t.add(r.oid, AttributeType{r.label, r.text});
+        for (const auto& r : kRows)
+            t.add(r.oid, AttributeType{r.label, r.text, std::wcslen(r.label)});
         t.sort();
         return t;
     }();
     return table;
+}
+
+// The entry of an attribute type, or null; types 2.5.4.x (contents 55 04 x) through an index.
+const AttributeType* findAttributeType(const unsigned char* oid, std::size_t n) {
+    struct Index {
+        const AttributeType* byLastOctet[128] = {};
+        Index() {
+            for (unsigned char x = 0; x < 128; ++x) {
+                const unsigned char contents[] = {0x55, 0x04, x};
+                byLastOctet[x] = attributeTypes().find(contents, 3);
+            }
+        }
+    };
+    static const Index index;
+    if (n == 3 && oid[0] == 0x55 && oid[1] == 0x04 && oid[2] < 128)
+        return index.byLastOctet[oid[2]];
+    return attributeTypes().find(oid, n);
 }
 
 // The escape set, in this order: , + = " LF < > # ; backslash.
@@ -233,12 +254,15 @@ void hexText(const unsigned char* p, std::size_t n, TextOut& out) {
 }
 
 // Values of one level (RDNs of a name, members of an RDN), collected to be walked backwards;
-// inline room for the usual counts.
+// inline room for the usual counts, left uninitialised until used.
 class TlvList {
 public:
+    TlvList() {}
+    TlvList(const TlvList&) = delete;
+    TlvList& operator=(const TlvList&) = delete;
     void push(const Tlv& t) {
         if (n_ < kInline) {
-            inline_[n_] = t;
+            new (raw_ + n_ * sizeof(Tlv)) Tlv(t);
         } else {
             more_.push_back(t);
         }
@@ -246,12 +270,14 @@ public:
     }
     std::size_t size() const { return n_; }
     const Tlv& operator[](std::size_t i) const {
-        return i < kInline ? inline_[i] : more_[i - kInline];
+        return i < kInline ? *std::launder(reinterpret_cast<const Tlv*>(raw_ + i * sizeof(Tlv)))
+                           : more_[i - kInline];
     }
 
 private:
     static constexpr std::size_t kInline = 16;
-    Tlv inline_[kInline];
+    static_assert(std::is_trivially_destructible<Tlv>::value, "no destructor calls needed");
+    alignas(Tlv) unsigned char raw_[kInline * sizeof(Tlv)];
     std::vector<Tlv> more_;
     std::size_t n_ = 0;
 };
@@ -261,9 +287,9 @@ void renderAttribute(const Source& s, const Tlv& atv, TextOut& out) {
     Tlv type = a.expect(kOid, L"type");
     Tlv value = a.any(L"value");
     a.finish();
-    const AttributeType* at = attributeTypes().find(type.contents, type.size());
-    if (at && at->label && *at->label) {
-        out.put(at->label, std::wcslen(at->label));
+    const AttributeType* at = findAttributeType(type.contents, type.size());
+    if (at && at->length) {
+        out.put(at->label, at->length);
     } else {
         out.put("OID.");
         appendDottedOid(type.contents, type.size(), out);
