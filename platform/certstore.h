@@ -49,7 +49,7 @@ struct KeyProvInfo {
 };
 
 class NEBRALIB_EXPORT Api {
-  public:
+public:
     virtual ~Api();
 
     // CertOpenSystemStoreW(NULL, name): the current user's system store of that name, created if

@@ -16,7 +16,7 @@ constexpr std::uint32_t kErrorNoMoreItems = 259;  // ERROR_NO_MORE_ITEMS
 constexpr std::uint32_t kErrorMoreData = 234;     // ERROR_MORE_DATA
 
 class NEBRALIB_EXPORT Api {
-  public:
+public:
     virtual ~Api();
     // CryptEnumProvidersW(index, NULL, 0, type, name, size): with name null, *size receives the
     // number of bytes the name needs; else the name is written as zero-terminated UTF-16 code

@@ -21,7 +21,7 @@ namespace pkcs11 {
 namespace certstoreupdater {
 
 class NEBRALIB_EXPORT CertStoreHelper {
-  public:
+public:
     // The CSP reference property and the key specifications of getKeySpec.
     static constexpr std::uint32_t kCspReferencePropId = 54086;
     static constexpr std::uint32_t kAtKeyExchange = 1;  // AT_KEYEXCHANGE
@@ -84,7 +84,7 @@ class NEBRALIB_EXPORT CertStoreHelper {
     // `requireKeyProvInfo`, certificates without key provider information are left out.
     std::unique_ptr<CertMap> listCertsByCsp(const std::wstring& csp, bool requireKeyProvInfo) const;
 
-  private:
+private:
     // Reads property `propId` of a context of this store into `value`: false when absent;
     // raises CertStoreUpdaterError_GetCertContextPropertyFailed when present but unreadable.
     bool getCertContextProperty(const void* ctx, std::uint32_t propId,

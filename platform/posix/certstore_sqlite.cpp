@@ -120,7 +120,7 @@ using Props = std::map<std::uint32_t, std::vector<unsigned char>>;
 
 // One open database connection with its prepared statements.
 class Db {
-  public:
+public:
     ~Db() {
         for (sqlite3_stmt* s : {find_, load_, insert_, next_, delete_, setProp_, storeId_})
             sqlite3_finalize(s);
@@ -294,7 +294,7 @@ class Db {
         return rc;
     }
 
-  private:
+private:
     // Resets a statement after use.
     struct Use {
         explicit Use(sqlite3_stmt* s) : s_(s) {}
@@ -510,7 +510,7 @@ std::wstring getUtf16(const unsigned char* p, std::size_t units) {
 }
 
 class SqliteStore : public Api {
-  public:
+public:
     Store openSystemStore(const std::wstring& name) override {
         if (name.empty()) return failNull(kErrorInvalidParameter);
         int rc = SQLITE_OK;
@@ -697,7 +697,7 @@ class SqliteStore : public Api {
         return ctx->der.data();
     }
 
-  private:
+private:
     static Context* inStore(StoreHandle* h, std::int64_t id, std::vector<unsigned char> der) {
         auto* ctx = new Context;
         ctx->db = h->db;

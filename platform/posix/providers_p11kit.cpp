@@ -48,7 +48,7 @@ std::vector<std::wstring> registeredModules() {
 }
 
 class P11KitProviders : public Api {
-  public:
+public:
     bool enumProviders(std::uint32_t index, std::uint32_t* type, std::uint16_t* name,
                        std::uint32_t* size) override {
         if (!size) return fail(87);
@@ -71,7 +71,7 @@ class P11KitProviders : public Api {
         return true;
     }
 
-  private:
+private:
     static bool fail(std::uint32_t code) {
         t_lastError = code;
         return false;

@@ -40,7 +40,7 @@ bool readText(LPCWSTR text, const unsigned char* base, std::size_t size, std::ws
 }
 
 class CryptoApiStore : public Api {
-  public:
+public:
     Store openSystemStore(const std::wstring& name) override {
         return CertOpenSystemStoreW(0, name.c_str());
     }
@@ -161,7 +161,7 @@ namespace providers {
 namespace {
 
 class CryptoApiProviders : public Api {
-  public:
+public:
     bool enumProviders(std::uint32_t index, std::uint32_t* type, std::uint16_t* name,
                        std::uint32_t* size) override {
         DWORD t = 0;

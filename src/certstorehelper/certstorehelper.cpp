@@ -25,7 +25,7 @@ constexpr std::uint32_t kProvRsaFull = 1;  // the provider type every binding is
 // always freed, also after a failure: the platform only writes a store back (and the Linux store
 // only commits an addition with its properties) once every reference is released.
 class ContextGuard {
-  public:
+public:
     ContextGuard(cs::Api& api, cs::Cert ctx) : api_(api), ctx_(ctx) {}
     ~ContextGuard() {
         if (ctx_) api_.freeContext(ctx_);
@@ -42,7 +42,7 @@ class ContextGuard {
     // Takes over `ctx` without freeing the current one (enumeration has released it already).
     void replace(cs::Cert ctx) { ctx_ = ctx; }
 
-  private:
+private:
     cs::Api& api_;
     cs::Cert ctx_;
 };

@@ -26,7 +26,7 @@ constexpr std::size_t kCount = 1000;
 const wchar_t kCsp[] = L"Nebra Crash CSP";
 
 class Driver {
-  public:
+public:
     explicit Driver(const std::vector<std::string>& args) {
         int out[2];
         if (pipe(out) != 0) throw std::runtime_error("pipe");
@@ -66,7 +66,7 @@ class Driver {
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 
-  private:
+private:
     pid_t pid_ = -1;
     int fd_ = -1;
 };
@@ -98,7 +98,7 @@ std::size_t checkComplete(const std::wstring& storeName) {
 }
 
 class StoreCrash : public ::testing::Test {
-  protected:
+protected:
     static void SetUpTestSuite() {
         dir_ = new nebratest::TempDir;
         file_ = dir_->file("certs.bin");

@@ -52,7 +52,7 @@ CertMap mapOf(std::initializer_list<std::pair<const wchar_t*, const char*>> entr
 
 // A helper on a fresh store of its own, and direct access to what the store holds.
 class Helper : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         name_ = storetest::uniqueStoreName();
         helper_.reset(new CertStoreHelper(name_));

@@ -29,7 +29,7 @@ bool readProperty(cs::Api& api, cs::Cert c, std::uint32_t id, Buffer<unsigned ch
 }
 
 class PlatformStore : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         name_ = storetest::uniqueStoreName();
         store_ = api_.openSystemStore(name_);

@@ -22,7 +22,7 @@ namespace {
 
 // Sets an environment variable for the scope, restoring the previous value.
 class ScopedEnv {
-  public:
+public:
     ScopedEnv(const char* name, const char* value) : name_(name) {
         const char* old = std::getenv(name);
         had_ = old != nullptr;
@@ -41,7 +41,7 @@ class ScopedEnv {
         }
     }
 
-  private:
+private:
     std::string name_, old_;
     bool had_ = false;
 };

@@ -27,7 +27,7 @@ namespace {
 // Points XDG_DATA_HOME at a private directory before any test runs, so no test ever opens the
 // user's own certificate stores.
 class IsolatedStores : public ::testing::Environment {
-  public:
+public:
     void SetUp() override {
         dir_.reset(new nebratest::TempDir);
         static std::string assignment;

@@ -23,7 +23,7 @@ const std::string& dataHome();
 // lifetime. A fault fires on the matching calls after `skip` of them went through, `times` times
 // (-1: always); a failing deletion still releases the context, as the real call does.
 class FaultyStore : public platform::certstore::Api {
-  public:
+public:
     enum class Op {
         Open,
         Add,
@@ -74,7 +74,7 @@ class FaultyStore : public platform::certstore::Api {
     // Store references opened or duplicated through this wrapper and not yet closed.
     int liveStores() const { return stores_; }
 
-  private:
+private:
     struct Fault {
         Op op;
         std::uint32_t error;
@@ -95,7 +95,7 @@ class FaultyStore : public platform::certstore::Api {
 // Wraps the provider enumeration in use and fails one call: the size query of index
 // `failSizeAt`, or the read of the name of index `failReadAt` after its successful size query.
 class ProviderFaults : public platform::providers::Api {
-  public:
+public:
     static constexpr std::uint32_t kNever = 0xFFFFFFFF;
     ProviderFaults(std::uint32_t failSizeAt, std::uint32_t failReadAt);
     ~ProviderFaults() override;
@@ -104,7 +104,7 @@ class ProviderFaults : public platform::providers::Api {
     bool enumProviders(std::uint32_t index, std::uint32_t* type, std::uint16_t* name,
                        std::uint32_t* size) override;
 
-  private:
+private:
     platform::providers::Api* inner_;
     std::uint32_t failSizeAt_;
     std::uint32_t failReadAt_;
