@@ -7,6 +7,7 @@
 #include "nebralib/buffer/buffer.h"
 #include "nebralib/buffer/codecs.h"
 #include "nebralib/certitem.h"
+#include "nebralib/certstorehelper.h"
 #include "nebralib/codeverifier.h"
 #include "nebralib/events/certstoreupdatererror.h"
 #include "nebralib/events/genericevent.h"
