@@ -28,7 +28,7 @@ if [ ! -f "$DEMO/.provisioned" ]; then
   bash tests/support/make-pki.sh "$DEMO/pki" >/dev/null
   softhsm2-util --init-token --free --label "nebra demo" --so-pin 12345678 \
     --pin "$NEBRA_DEMO_PIN" >/dev/null
-  p11() { pkcs11-tool --module softhsm2 --login --pin "$NEBRA_DEMO_PIN" "$@" >/dev/null 2>&1; }
+  p11() { pkcs11-tool --module /usr/lib/softhsm/libsofthsm2.so --login --pin "$NEBRA_DEMO_PIN" "$@" >/dev/null 2>&1; }
   p11 --write-object "$DEMO/pki/root.der" --type cert --id 01 --label "Nebra Demo Root"
   p11 --write-object "$DEMO/pki/ca.der" --type cert --id 02 --label "Nebra Demo Issuing CA"
   p11 --write-object "$DEMO/pki/leaf1.der" --type cert --id 10 --label "Alice Signing"

@@ -357,18 +357,27 @@ private:
         sqlite3_busy_timeout(h_, kBusyTimeoutMs);
         sqlite3_extended_result_codes(h_, 1);
         if ((rc = exec("PRAGMA foreign_keys=ON")) != SQLITE_OK) return rc;
-        sqlite3_stmt* s = nullptr;
-        rc = sqlite3_prepare_v2(h_, "PRAGMA journal_mode=WAL", -1, &s, nullptr);
-        if (rc == SQLITE_OK) {
-            rc = sqlite3_step(s);
-            const char* mode = rc == SQLITE_ROW
-                                   ? reinterpret_cast<const char*>(sqlite3_column_text(s, 0))
-                                   : nullptr;
-            rc = mode && std::strcmp(mode, "wal") == 0 ? SQLITE_OK
-                                                       : (rc == SQLITE_ROW ? SQLITE_ERROR : rc);
+        // Switching to WAL needs the database to itself for a moment. When another process is
+        // creating or using it just then, SQLite keeps the old mode and says so instead of
+        // waiting, so ask again until WAL is in force (another process may be the one to set it).
+        for (int waited = 0;; waited += 10) {
+            sqlite3_stmt* s = nullptr;
+            rc = sqlite3_prepare_v2(h_, "PRAGMA journal_mode=WAL", -1, &s, nullptr);
+            bool wal = false;
+            if (rc == SQLITE_OK) {
+                rc = sqlite3_step(s);
+                const char* mode = rc == SQLITE_ROW
+                                       ? reinterpret_cast<const char*>(sqlite3_column_text(s, 0))
+                                       : nullptr;
+                wal = mode && std::strcmp(mode, "wal") == 0;
+                rc = rc == SQLITE_ROW ? SQLITE_OK : rc;
+            }
+            sqlite3_finalize(s);
+            if (wal) break;
+            if ((rc != SQLITE_OK && (rc & 0xFF) != SQLITE_BUSY) || waited >= kBusyTimeoutMs)
+                return rc != SQLITE_OK ? rc : SQLITE_ERROR;
+            sqlite3_sleep(10);
         }
-        sqlite3_finalize(s);
-        if (rc != SQLITE_OK) return rc;
         if ((rc = exec("PRAGMA synchronous=NORMAL")) != SQLITE_OK) return rc;
 
         int version = 0;

@@ -20,12 +20,17 @@ export SOFTHSM2_CONF=$work/softhsm2.conf XDG_DATA_HOME=$work/data E2E_PIN=1234
 softhsm2-util --init-token --free --label e2e --so-pin 12345678 --pin $E2E_PIN >/dev/null
 "$BUILD/bin/nebra_provision" "$SOFTHSM" e2e $E2E_PIN "$COUNT" --keys
 
-sync() { "$NEBRA" sync --module "$SOFTHSM" --csp E2E-CSP --pin-env E2E_PIN --json "$@"; }
-listed() { "$NEBRA" list --csp E2E-CSP --json | grep -o '"container":' | wc -l; }
-count() { grep -o "\"$1\":\[[^]]*\]" | grep -o '"container":' | wc -l; }
+SYNC=("$NEBRA" sync --module "$SOFTHSM" --csp E2E-CSP --pin-env E2E_PIN --json)
+sync() { "${SYNC[@]}" "$@"; }
+# Counts of containers in JSON output (grep finding nothing is a count of 0, not a failure).
+containers() { { grep -o '"container":' || true; } | wc -l; }
+listed() { local out; out=$("$NEBRA" list --csp E2E-CSP --json) || return 1; echo "$out" | containers; }
+count() { { grep -o "\"$1\":\[[^]]*\]" || true; } | containers; }
 fail() { echo "FAILED: $*"; exit 1; }
 
+s=$(date +%s.%N)
 out=$(sync --dry-run)
+dry=$(echo "$(date +%s.%N) - $s" | bc)  # reading the token and the store, no writes
 [ "$(echo "$out" | count added)" -eq "$COUNT" ] || fail "dry run did not plan $COUNT additions"
 [ "$(listed)" -eq 0 ] || fail "dry run changed the store"
 
@@ -41,12 +46,14 @@ again=$(echo "$(date +%s.%N) - $s" | bc)
 [ "$(echo "$out" | count unchanged)" -eq "$COUNT" ] || fail "re-sync did not find all unchanged"
 echo "sync of $COUNT: first ${first}s, again ${again}s"
 
-# kill -9 at random moments within the first sync's duration, each on a fresh store.
+# kill -9 at random moments of a sync, each on a fresh store. Reading the token comes first (about
+# as long as the dry run), so the moments are drawn mostly from the later part, where it writes.
+midway=0
 for i in $(seq "$KILLS"); do
   rm -rf "$XDG_DATA_HOME"
-  sync >/dev/null 2>&1 &
+  "${SYNC[@]}" >/dev/null 2>&1 &  # the process itself, so that the kill reaches it
   pid=$!
-  sleep "$(echo "scale=3; $RANDOM % 1000 * $first / 1000" | bc)"
+  sleep "$(echo "scale=3; $dry * 0.8 + ($first - $dry * 0.8) * ($RANDOM % 1000) / 1000" | bc)"
   kill -9 $pid 2>/dev/null || true
   wait $pid 2>/dev/null || true
   n=$(listed) || fail "store did not open after kill -9 (round $i)"
@@ -54,12 +61,15 @@ for i in $(seq "$KILLS"); do
   sync >/dev/null || fail "re-sync after kill -9 failed (round $i)"
   [ "$(listed)" -eq "$COUNT" ] || fail "re-sync after kill -9 is incomplete (round $i)"
   printf 'kill round %d: %d certificates stored before the kill\n' "$i" "$n"
+  if [ "$n" -gt 0 ] && [ "$n" -lt "$COUNT" ]; then midway=$((midway + 1)); fi
 done
+echo "kill -9: $midway of $KILLS rounds cut the sync midway; every store re-synced to $COUNT"
+[ "$KILLS" -lt 5 ] || [ "$midway" -gt 0 ] || fail "no kill landed while the sync was writing"
 
 # Two syncs at once on an empty store.
 rm -rf "$XDG_DATA_HOME"
-sync >"$work/a" 2>&1 & a=$!
-sync >"$work/b" 2>&1 & b=$!
+"${SYNC[@]}" >"$work/a" 2>&1 & a=$!
+"${SYNC[@]}" >"$work/b" 2>&1 & b=$!
 wait $a || { cat "$work/a"; fail "first of two concurrent syncs failed"; }
 wait $b || { cat "$work/b"; fail "second of two concurrent syncs failed"; }
 [ "$(listed)" -eq "$COUNT" ] || fail "concurrent syncs left $(listed) certificates"
@@ -75,9 +85,11 @@ SOFTHSM2_CONF=$work/softhsm2-b.conf softhsm2-util --init-token --free --label re
 SOFTHSM2_CONF=$work/softhsm2-b.conf "$BUILD/bin/nebra_provision" "$SOFTHSM" reissued $E2E_PIN 3 \
   --keys --prefix reissued
 out=$(SOFTHSM2_CONF=$work/softhsm2-b.conf sync --prune)
-[ "$(echo "$out" | count removed)" -eq "$((COUNT - 3))" ] || fail "prune did not remove the stale certificates"
+# Its three containers reuse old CKA_IDs with new certificates, so every old certificate is stale.
+[ "$(echo "$out" | count removed)" -eq "$COUNT" ] || fail "prune did not remove the stale certificates"
+[ "$(echo "$out" | count added)" -eq 3 ] || fail "prune run did not add the new certificates"
 [ "$(listed)" -eq 3 ] || fail "after prune the store lists $(listed), expected 3"
-echo "prune: removed $((COUNT - 3)) stale certificates, 3 remain"
+echo "prune: removed $COUNT stale certificates, 3 new ones bound"
 
 # The README's demo command, twice: the second run adds nothing.
 export HOME=$work/home
