@@ -144,6 +144,29 @@ TEST(Authenticode, CodeVerifierTrustsTheRootSource) {
                  pkcs11::certstoreupdater::CertStoreUpdaterError_InvalidFileSignature);
 }
 
+// By default the user's own store "ROOT" is a trust source beside the system bundle.
+TEST(Authenticode, CertificatesOfTheUsersRootStoreAreTrusted) {
+    nebratest::TempDir data;
+    const char* old = std::getenv("XDG_DATA_HOME");
+    std::string saved = old ? old : "";
+    setenv("XDG_DATA_HOME", data.path().c_str(), 1);
+    buffer::Buffer<wchar_t> path(buffer::fromUtf8(corpus("valid-sha256-pe32.exe")));
+    EXPECT_THROW(pkcs11::certstoreupdater::CodeVerifier::verify(path),
+                 pkcs11::certstoreupdater::CertStoreUpdaterError_InvalidFileSignature);
+    au::Der root = bytesOf(corpus("trust/root.der"));
+    {
+        pkcs11::certstoreupdater::CertStoreHelper store(L"ROOT");
+        store.addCspCertificate(L"test", L"", L"", asn1::Certificate(buffer::Buffer<unsigned char>(
+                                                       root.data(), root.size())),
+                                false);
+    }
+    EXPECT_NO_THROW(pkcs11::certstoreupdater::CodeVerifier::verify(path));
+    if (old)
+        setenv("XDG_DATA_HOME", saved.c_str(), 1);
+    else
+        unsetenv("XDG_DATA_HOME");
+}
+
 std::uint32_t get32(const au::Der& b, std::size_t off) {
     std::uint32_t v;
     std::memcpy(&v, b.data() + off, 4);
