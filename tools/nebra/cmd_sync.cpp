@@ -1,6 +1,7 @@
 // nebra sync: the main job. Reads the token's certificates and writes them into certificate stores
 // bound to a key provider, optionally removing this provider's certificates that the token no
 // longer has.
+#include <chrono>
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -35,6 +36,7 @@ const char* kUsage =
     "                         token no longer has them (e.g. after a card was reissued)\n"
     "  --dry-run              print what would change and change nothing\n"
     "  --json                 print the result as JSON\n"
+    "  --timings              report on stderr how long reading the token and the stores took\n"
     "  --pin-env VAR          read the user PIN from environment variable VAR\n"
     "  --pin-file FILE        read the user PIN from the first line of FILE\n";
 
@@ -128,18 +130,21 @@ std::string changesJson(const std::vector<Change>& v) {
 
 int run(const Args& args) {
     args.allow({"module", "csp", "store", "roots", "cas", "others", "prune", "dry-run", "json",
-                "pin-env", "pin-file"});
+                "pin-env", "pin-file", "timings"});
     if (!args.has("module")) throw UsageError("--module is required");
     if (!args.has("csp") || args.get("csp").empty()) throw UsageError("--csp is required");
     const std::string module = resolveModule(args.get("module"));
     const std::wstring csp = wideFromUtf8(args.get("csp"));
     const bool prune = args.flag("prune"), dryRun = args.flag("dry-run");
 
-    pkcs11::certstoreupdater::Pkcs11Helper helper(module);
     std::string pin = readPin(args);
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point start = Clock::now();
+    pkcs11::certstoreupdater::Pkcs11Helper helper(module);
     helper.login(buffer::Buffer<unsigned char>(reinterpret_cast<const unsigned char*>(pin.data()),
                                                pin.size()));
     auto all = helper.getAllCerts();
+    const Clock::time_point tokenRead = Clock::now();
 
     std::vector<StoreResult> results;
     results.push_back(syncStore(csp, args.get("store", "MY"), "certsWithPrivateKey",
@@ -153,6 +158,13 @@ int run(const Args& args) {
     if (args.has("others"))
         results.push_back(syncStore(csp, args.get("others"), "otherCerts", all->otherCerts, false,
                                     prune, dryRun));
+    if (args.flag("timings")) {
+        auto ms = [](Clock::duration d) {
+            return std::chrono::duration<double, std::milli>(d).count();
+        };
+        std::fprintf(stderr, "timings: token %.1f ms, stores %.1f ms\n", ms(tokenRead - start),
+                     ms(Clock::now() - tokenRead));
+    }
 
     if (args.flag("json")) {
         std::cout << "{\"dryRun\":" << (dryRun ? "true" : "false") << ",\"csp\":"

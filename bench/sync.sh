@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# The main job's speed, token to store: COUNT (default 1000) certificates with private keys on a
+# SoftHSM2 token are synced into an empty store, then synced again (nothing changes), then listed
+# and removed. Prints each phase's wall time and, for the syncs, the store's share (nebra sync
+# --timings), with the ratio first/re-sync of store time.
+# usage: bench/sync.sh [BUILD_DIR] [COUNT]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+BUILD=${1:-build}
+COUNT=${2:-1000}
+NEBRA=$BUILD/bin/nebra
+SOFTHSM=/usr/lib/softhsm/libsofthsm2.so
+if [ -w /dev/shm ]; then work=$(mktemp -d -p /dev/shm); else work=$(mktemp -d); fi
+trap 'rm -rf "$work"' EXIT
+mkdir -p "$work/tokens"
+printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' "$work/tokens" \
+  > "$work/softhsm2.conf"
+export SOFTHSM2_CONF=$work/softhsm2.conf XDG_DATA_HOME=$work/data BENCH_PIN=1234
+softhsm2-util --init-token --free --label bench --so-pin 12345678 --pin $BENCH_PIN >/dev/null
+"$BUILD/bin/nebra_provision" "$SOFTHSM" bench $BENCH_PIN "$COUNT" --keys
+
+now() { date +%s.%N; }
+phase() { # name command...
+  local s e
+  s=$(now); "${@:2}" >/dev/null 2>"$work/err"; e=$(now)
+  printf '%-10s %8.3f s   %s\n' "$1" "$(echo "$e - $s" | bc)" "$(grep timings "$work/err" || true)"
+}
+storeMs() { sed -n 's/.*stores \([0-9.]*\) ms.*/\1/p' "$work/err"; }
+phase "sync" "$NEBRA" sync --module "$SOFTHSM" --csp BENCH --pin-env BENCH_PIN --timings
+first=$(storeMs)
+phase "re-sync" "$NEBRA" sync --module "$SOFTHSM" --csp BENCH --pin-env BENCH_PIN --timings
+again=$(storeMs)
+phase "list" "$NEBRA" list --csp BENCH --json
+phase "remove" "$NEBRA" remove --csp BENCH
+echo "store time: first sync ${first} ms, re-sync ${again} ms," \
+  "ratio $(echo "scale=1; $first / $again" | bc)x (target >= 5x, first < 1000 ms)"
