@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
+#include "platform/posix/filename.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -66,45 +68,9 @@ bool failErrno() {
     return fail(windowsError(errno));
 }
 
-// UTF-16 text back to the file name's bytes: U+DC80..U+DCFF stand for single bytes that were not
-// UTF-8; other unpaired surrogates are encoded like any other unit.
-std::string fileName(const std::wstring& path) {
-    std::string out;
-    out.reserve(path.size());
-    auto put = [&](std::uint32_t c) {
-        if (c < 0x80) {
-            out += static_cast<char>(c);
-        } else if (c < 0x800) {
-            out += static_cast<char>(0xC0 | (c >> 6));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        } else if (c < 0x10000) {
-            out += static_cast<char>(0xE0 | (c >> 12));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (c >> 18));
-            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        }
-    };
-    for (std::size_t i = 0; i < path.size(); ++i) {
-        std::uint32_t u = static_cast<std::uint32_t>(path[i]) & 0xFFFF;
-        if (u >= 0xD800 && u < 0xDC00 && i + 1 < path.size()) {
-            std::uint32_t low = static_cast<std::uint32_t>(path[i + 1]) & 0xFFFF;
-            if (low >= 0xDC00 && low < 0xE000) {
-                put(0x10000 + ((u - 0xD800) << 10) + (low - 0xDC00));
-                ++i;
-                continue;
-            }
-        }
-        if (u >= 0xDC80 && u <= 0xDCFF) {
-            out += static_cast<char>(u - 0xDC00);
-        } else {
-            put(u);
-        }
-    }
-    return out;
+// The file name for a wide path; false (error 123, ERROR_INVALID_NAME) when no name can hold it.
+bool fileName(const std::wstring& path, std::string& name) {
+    return posix::toFileName(path.data(), path.size(), name) || fail(123);
 }
 
 // The stored descriptor of a file, or the one made from its mode bits. False (with the error
@@ -180,7 +146,8 @@ class PosixApi final : public Api {
 
     bool getFileSecurity(const std::wstring& path, std::uint32_t information, void* descriptor,
                          std::uint32_t length, std::uint32_t* needed) override {
-        std::string name = fileName(path);
+        std::string name;
+        if (!fileName(path, name)) return false;
         fmt::Bytes result;
         if (pending.valid && pending.name == name && pending.information == information &&
             descriptor && length >= pending.result.size()) {
@@ -207,7 +174,8 @@ class PosixApi final : public Api {
     bool setFileSecurity(const std::wstring& path, std::uint32_t information,
                          void* descriptor) override {
         pending.valid = false;
-        std::string name = fileName(path);
+        std::string name;
+        if (!fileName(path, name)) return false;
         fmt::Bytes stored, updated;
         if (!storedDescriptor(name, stored)) return false;
         if (std::uint32_t e =
