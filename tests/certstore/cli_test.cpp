@@ -5,84 +5,60 @@ using pkcs11::certstoreupdater::CertStoreHelper;
 
 namespace {
 
-struct Outcome {
-    int status;
-    std::string out, err;
-};
-
-// Runs nebra with `args` (shell words) in this test's isolated store location, or with the
-// environment assignments `env` in front.
-Outcome nebra(const std::string& args, const std::string& env = "") {
-    nebratest::TempDir tmp;
-    std::string out = tmp.file("out"), err = tmp.file("err");
-    int status = nebratest::sh(env + " " + NEBRA_BINARY_DIR + "/bin/nebra " + args + " >'" + out +
-                               "' 2>'" + err + "'");
-    return {status, nebratest::readFile(out), nebratest::readFile(err)};
-}
-
-bool has(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 TEST(NebraCommands, ListRemoveAndProviders) {
     std::wstring store = storetest::uniqueStoreName("Cli Store");
-    std::string storeArg = "--store '" + nebratest::u8(store) + "'";
+    std::string storeArg = " --store '" + nebratest::u8(store) + "'";
     {
         CertStoreHelper h(store);
-        h.addCspCertificate(L"Prov A", L"K1", L"", asn1::Certificate(storetest::der("alice")),
-                            true);
-        h.addCspCertificate(L"Prov A", L"K2", L"", asn1::Certificate(storetest::der("signing")),
-                            false);
-        h.addCspCertificate(L"Other", L"K3", L"", asn1::Certificate(storetest::der("root")), true);
+        h.addCspCertificate(L"Prov A", L"K1", L"", storetest::cert("alice"), true);
+        h.addCspCertificate(L"Prov A", L"K2", L"", storetest::cert("signing"), false);
+        h.addCspCertificate(L"Other", L"K3", L"", storetest::cert("root"), true);
     }
-
-    Outcome r = nebra("list --csp 'Prov A' " + storeArg + " --json");
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(has(r.out, "\"container\": \"K1\"")) << r.out;
-    EXPECT_TRUE(has(r.out, "\"container\": \"K2\"")) << r.out;
-    EXPECT_FALSE(has(r.out, "K3")) << r.out;
-    EXPECT_TRUE(has(r.out, "\"subject\": \"O=Nebra Test, CN=Alice Example\"")) << r.out;
-    r = nebra("list " + storeArg);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_TRUE(has(r.out, "3 certificates bound to any provider")) << r.out;
-    EXPECT_TRUE(has(r.out, "issuer:  CN=Nebra Test Root")) << r.out;
-
-    r = nebra("remove --csp 'Prov A' " + storeArg);
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(has(r.out, "2 before, 0 now")) << r.out;
-    r = nebra("list --csp 'Prov A' " + storeArg);
-    EXPECT_TRUE(has(r.out, "No certificates bound to 'Prov A'")) << r.out;
-    EXPECT_EQ(CertStoreHelper(store).listCertsByCsp(L"Other", false)->size(), 1u);
-
-    // Usage errors exit 2 with a reason and the usage text.
-    r = nebra("remove " + storeArg);
-    EXPECT_EQ(r.status, 2);
-    EXPECT_TRUE(has(r.err, "--csp NAME is required")) << r.err;
-    r = nebra("list --bogus");
-    EXPECT_EQ(r.status, 2);
-    EXPECT_TRUE(has(r.err, "unknown option --bogus")) << r.err;
-    EXPECT_EQ(nebra("list --help").status, 0);
-
-    r = nebra("providers --json");
-    EXPECT_EQ(r.status, 0);
-    std::string expected = "[";
-    auto providers = CertStoreHelper::listCSPs();
-    for (const auto& n : *providers)
-        expected += (expected.size() > 1 ? ", \"" : "\"") + nebratest::u8(n) + "\"";
-    EXPECT_EQ(r.out, expected + "]\n");
-
-    // A broken database: the event, and where the store lives.
-    nebratest::TempDir broken;
-    ASSERT_EQ(nebratest::sh("mkdir -p '" + broken.path() +
-                            "/nebralib' && head -c 8192 "
-                            "/dev/urandom > '" +
-                            broken.path() + "/nebralib/certstores.sqlite'"),
+    std::string providers = "[";
+    auto csps = CertStoreHelper::listCSPs();
+    for (const auto& n : *csps)
+        providers += (providers.size() > 1 ? ", \"" : "\"") + nebratest::u8(n) + "\"";
+    nebratest::TempDir tmp;  // and a broken database there
+    std::string db = tmp.file("nebralib/certstores.sqlite");
+    ASSERT_EQ(nebratest::sh("mkdir '" + tmp.file("nebralib") +
+                            "' && head -c 8192 /dev/urandom > '" + db + "'"),
               0);
-    r = nebra("list", "XDG_DATA_HOME='" + broken.path() + "'");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(has(r.err, "CertStoreUpdaterError_OpenSystemStore")) << r.err;
-    EXPECT_TRUE(has(r.err, "STORE=MY")) << r.err;
-    EXPECT_TRUE(has(r.err, broken.path() + "/nebralib/certstores.sqlite")) << r.err;
+    // Each command (with environment assignments in front) with its exit status and texts that
+    // must (or, after '!', must not) appear on stdout, or on stderr when it fails.
+    const struct {
+        std::string command;
+        int status;
+        std::vector<std::string> texts;
+    } runs[] = {
+        {"list --csp 'Prov A' --json" + storeArg,
+         0,
+         {"\"container\": \"K1\"", "\"container\": \"K2\"", "!K3",
+          "\"subject\": \"O=Nebra Test, CN=Alice Example\""}},
+        {"list" + storeArg,
+         0,
+         {"3 certificates bound to any provider", "issuer:  CN=Nebra Test Root"}},
+        {"remove --csp 'Prov A'" + storeArg, 0, {"2 before, 0 now"}},
+        {"list --csp 'Prov A'" + storeArg, 0, {"No certificates bound to 'Prov A'"}},
+        {"list --csp Other --json" + storeArg, 0, {"\"container\": \"K3\""}},
+        {"remove" + storeArg, 2, {"--csp NAME is required"}},
+        {"list --bogus", 2, {"unknown option --bogus"}},
+        {"list --help", 0, {}},
+        {"providers --json", 0, {providers + "]\n"}},
+        {"XDG_DATA_HOME='" + tmp.path() + "' list",
+         1,
+         {"CertStoreUpdaterError_OpenSystemStore", "STORE=MY", db}},
+    };
+    for (const auto& run : runs) {
+        std::string cmd = run.command, bin = std::string(NEBRA_BINARY_DIR) + "/bin/nebra ";
+        cmd.insert(cmd.find('=') < cmd.find(' ') ? cmd.find(' ') + 1 : 0, bin);
+        int status = nebratest::sh(cmd + " >'" + tmp.file("out") + "' 2>'" + tmp.file("err") + "'");
+        EXPECT_EQ(status, run.status) << cmd << "\n" << nebratest::readFile(tmp.file("err"));
+        std::string text = nebratest::readFile(tmp.file(run.status ? "err" : "out"));
+        for (const std::string& t : run.texts)
+            EXPECT_EQ(text.find(t.substr(t[0] == '!')) != std::string::npos, t[0] != '!')
+                << cmd << ": " << t << "\n"
+                << text;
+    }
 }
 
 }  // namespace
