@@ -11,10 +11,12 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include <cctype>
 #include <cstring>
 #include <ctime>
 #include <map>
 #include <memory>
+#include <sstream>
 
 #include "asn1testutil.h"
 
@@ -44,17 +46,11 @@ std::vector<X509Ptr> readPem(const std::string& path) {
     return out;
 }
 
-Bytes derOf(X509* x) {
+// The DER of an OpenSSL object, through its i2d function.
+template <class T>
+Bytes derOf(const T* x, int (*i2d)(const T*, unsigned char**)) {
     unsigned char* p = nullptr;
-    int n = i2d_X509(x, &p);
-    Bytes out(reinterpret_cast<char*>(p), static_cast<std::size_t>(n));
-    OPENSSL_free(p);
-    return out;
-}
-
-Bytes nameDer(X509_NAME* name) {
-    unsigned char* p = nullptr;
-    int n = i2d_X509_NAME(name, &p);
+    int n = i2d(x, &p);
     Bytes out(reinterpret_cast<char*>(p), static_cast<std::size_t>(n));
     OPENSSL_free(p);
     return out;
@@ -82,41 +78,27 @@ void appendUtf8(const std::string& s, Buffer<wchar_t>& out) {
     }
 }
 
-// OpenSSL's short names and this library's labels.
+// OpenSSL's short names of the types in this library's table, and the labels it gives them
+// ("short:LABEL" where the label is not the upper-case short name).
 const std::map<std::string, std::string>& labels() {
-    static const std::map<std::string, std::string> m = {
-        {"CN", "CN"},
-        {"SN", "SN"},
-        {"serialNumber", "SERIALNUMBER"},
-        {"C", "C"},
-        {"L", "L"},
-        {"ST", "ST"},
-        {"street", "STREET"},
-        {"O", "O"},
-        {"OU", "OU"},
-        {"title", "T"},
-        {"description", "DESCRIPTION"},
-        {"businessCategory", "BUSINESSCATEGORY"},
-        {"postalAddress", "POSTALADDRESS"},
-        {"postalCode", "POSTALCODE"},
-        {"postOfficeBox", "POBOX"},
-        {"telephoneNumber", "PHONE"},
-        {"name", "NAME"},
-        {"GN", "GIVENNAME"},
-        {"initials", "INITIALS"},
-        {"generationQualifier", "GENERATION"},
-        {"dnQualifier", "DNQUALIFIER"},
-        {"pseudonym", "PSEUDONYM"},
-        {"organizationIdentifier", "ORGANIZATIONIDENTIFIER"},
-        {"UID", "UID"},
-        {"DC", "DC"},
-        {"emailAddress", "E"},
-        {"unstructuredName", "UNSTRUCTUREDNAME"},
-        {"unstructuredAddress", "UNSTRUCTUREDADDRESS"},
-        {"jurisdictionL", "JURISDICTIONL"},
-        {"jurisdictionST", "JURISDICTIONST"},
-        {"jurisdictionC", "JURISDICTIONC"},
-    };
+    static const std::map<std::string, std::string> m = [] {
+        std::map<std::string, std::string> out;
+        std::istringstream in(
+            "CN SN serialNumber C L ST street O OU title:T description businessCategory "
+            "postalAddress postalCode postOfficeBox:POBOX telephoneNumber:PHONE name "
+            "GN:GIVENNAME initials generationQualifier:GENERATION dnQualifier pseudonym "
+            "organizationIdentifier UID DC emailAddress:E unstructuredName unstructuredAddress "
+            "jurisdictionL jurisdictionST jurisdictionC");
+        for (std::string t; in >> t;) {
+            std::string upper = t;
+            for (char& ch : upper)
+                ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+            std::size_t colon = t.find(':');
+            out.emplace(t.substr(0, colon),
+                        colon == std::string::npos ? upper : t.substr(colon + 1));
+        }
+        return out;
+    }();
     return m;
 }
 
@@ -181,7 +163,7 @@ std::string timeText(const ASN1_TIME* t) {
 
 void compareWithOpenssl(X509* x, const std::string& what) {
     SCOPED_TRACE(what);
-    Bytes der = derOf(x);
+    Bytes der = derOf(x, i2d_X509);
     Certificate c;
     try {
         c = Certificate(buf(der));
@@ -192,10 +174,7 @@ void compareWithOpenssl(X509* x, const std::string& what) {
     EXPECT_EQ(c.der(), buf(der));
     EXPECT_EQ(c.version(), X509_get_version(x));
     const ASN1_INTEGER* serial = X509_get0_serialNumber(x);
-    unsigned char* sp = nullptr;
-    int sn = i2d_ASN1_INTEGER(serial, &sp);
-    Bytes serialDer(reinterpret_cast<char*>(sp), static_cast<std::size_t>(sn));
-    OPENSSL_free(sp);
+    Bytes serialDer = derOf(serial, i2d_ASN1_INTEGER);
     auto ours = c.serialNumber();
     EXPECT_TRUE(serialDer.size() >= ours.size() &&
                 serialDer.compare(serialDer.size() - ours.size(), ours.size(),
@@ -207,9 +186,9 @@ void compareWithOpenssl(X509* x, const std::string& what) {
     auto nameBytes = [](const asn1::Name& n) {
         return Bytes(reinterpret_cast<const char*>(n.der().begin()), n.der().size());
     };
-    EXPECT_EQ(nameBytes(c.subject()), nameDer(subject));
-    EXPECT_EQ(nameBytes(c.issuer()), nameDer(issuer));
-    EXPECT_EQ(c.isSelfIssued(), nameDer(subject) == nameDer(issuer));
+    EXPECT_EQ(nameBytes(c.subject()), derOf(subject, i2d_X509_NAME));
+    EXPECT_EQ(nameBytes(c.issuer()), derOf(issuer, i2d_X509_NAME));
+    EXPECT_EQ(c.isSelfIssued(), derOf(subject, i2d_X509_NAME) == derOf(issuer, i2d_X509_NAME));
     for (X509_NAME* n : {subject, issuer}) {
         const asn1::Name& name = n == subject ? c.subject() : c.issuer();
         std::string theirs = opensslText(n);

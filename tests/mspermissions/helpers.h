@@ -2,6 +2,7 @@
 // files' descriptors were read and written and can make the n-th call of an operation fail.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -14,110 +15,108 @@ namespace permtest {
 
 namespace sec = platform::security;
 
-enum class Op {
-    AllocateSid,
-    GetFileSecurity,
-    SetFileSecurity,
-    InitializeSd,
-    GetSdDacl,
-    SetSdDacl,
-    InitializeAcl,
-    GetAclInformation,
-    GetAce,
-    AddAce,
-    AddAllowed,
-    IsValidAcl,
-};
-
 class TestApi : public sec::ForwardingApi {
   public:
-    // Makes the `nth` call (counting from 1) of `op` fail with `error`.
-    void failAt(Op op, int nth, std::uint32_t error) {
-        failOp = op;
-        failNth = nth;
-        failError = error;
-    }
+    // Makes call number `nth` (from 1) of the function named `op` fail with `error`.
+    struct {
+        std::string op;
+        int nth = 0;
+        std::uint32_t error = 0;
+    } fail;
     std::vector<std::string> reads;   // paths whose descriptor was read (the reading call)
     std::vector<std::string> writes;  // paths whose DACL was written
 
     bool allocateAndInitializeSid(const std::uint8_t a[6], std::uint8_t n, const std::uint32_t s[8],
                                   void** sid) override {
-        return !inject(Op::AllocateSid) && ForwardingApi::allocateAndInitializeSid(a, n, s, sid);
+        return !inject("AllocateAndInitializeSid") &&
+               ForwardingApi::allocateAndInitializeSid(a, n, s, sid);
     }
     bool getFileSecurity(const std::wstring& path, std::uint32_t info, void* sd, std::uint32_t len,
                          std::uint32_t* needed) override {
-        if (inject(Op::GetFileSecurity)) return false;
+        if (inject("GetFileSecurity")) return false;
         bool ok = ForwardingApi::getFileSecurity(path, info, sd, len, needed);
         if (ok) reads.push_back(nebratest::u8(path));
         return ok;
     }
     bool setFileSecurity(const std::wstring& path, std::uint32_t info, void* sd) override {
-        if (inject(Op::SetFileSecurity)) return false;
+        if (inject("SetFileSecurity")) return false;
         bool ok = ForwardingApi::setFileSecurity(path, info, sd);
         if (ok) writes.push_back(nebratest::u8(path));
         return ok;
     }
     bool initializeSecurityDescriptor(void* sd, std::uint32_t revision) override {
-        return !inject(Op::InitializeSd) &&
+        return !inject("InitializeSecurityDescriptor") &&
                ForwardingApi::initializeSecurityDescriptor(sd, revision);
     }
     bool getSecurityDescriptorDacl(void* sd, std::int32_t* present, void** dacl,
                                    std::int32_t* defaulted) override {
-        return !inject(Op::GetSdDacl) &&
+        return !inject("GetSecurityDescriptorDacl") &&
                ForwardingApi::getSecurityDescriptorDacl(sd, present, dacl, defaulted);
     }
     bool setSecurityDescriptorDacl(void* sd, std::int32_t present, void* dacl,
                                    std::int32_t defaulted) override {
-        return !inject(Op::SetSdDacl) &&
+        return !inject("SetSecurityDescriptorDacl") &&
                ForwardingApi::setSecurityDescriptorDacl(sd, present, dacl, defaulted);
     }
     bool initializeAcl(void* acl, std::uint32_t length, std::uint32_t revision) override {
-        return !inject(Op::InitializeAcl) && ForwardingApi::initializeAcl(acl, length, revision);
+        return !inject("InitializeAcl") && ForwardingApi::initializeAcl(acl, length, revision);
     }
     bool getAclInformation(void* acl, sec::AclSizeInformation* info, std::uint32_t length,
                            int cls) override {
-        return !inject(Op::GetAclInformation) &&
+        return !inject("GetAclInformation") &&
                ForwardingApi::getAclInformation(acl, info, length, cls);
     }
     bool getAce(void* acl, std::uint32_t index, void** ace) override {
-        return !inject(Op::GetAce) && ForwardingApi::getAce(acl, index, ace);
+        return !inject("GetAce") && ForwardingApi::getAce(acl, index, ace);
     }
     bool addAce(void* acl, std::uint32_t revision, std::uint32_t start, void* aces,
                 std::uint32_t length) override {
-        return !inject(Op::AddAce) && ForwardingApi::addAce(acl, revision, start, aces, length);
+        return !inject("AddAce") && ForwardingApi::addAce(acl, revision, start, aces, length);
     }
     bool addAccessAllowedAceEx(void* acl, std::uint32_t revision, std::uint32_t flags,
                                std::uint32_t mask, void* sid) override {
-        return !inject(Op::AddAllowed) &&
+        return !inject("AddAccessAllowedAceEx") &&
                ForwardingApi::addAccessAllowedAceEx(acl, revision, flags, mask, sid);
     }
     bool isValidAcl(void* acl) override {
-        return !inject(Op::IsValidAcl) && ForwardingApi::isValidAcl(acl);
+        return !inject("IsValidAcl") && ForwardingApi::isValidAcl(acl);
     }
-    std::uint32_t lastError() override { return injected ? failError : ForwardingApi::lastError(); }
+    std::uint32_t lastError() override {
+        return injected ? fail.error : ForwardingApi::lastError();
+    }
 
   private:
-    bool inject(Op op) {
-        if (op != failOp || ++calls[op] != failNth) return false;
+    bool inject(const std::string& op) {
+        if (op != fail.op || ++calls[op] != fail.nth) return false;
         injected = true;
         return true;
     }
-    Op failOp = Op::AllocateSid;
-    int failNth = 0;
-    std::uint32_t failError = 0;
     bool injected = false;
-    std::map<Op, int> calls;
+    std::map<std::string, int> calls;
 };
 
-// Exposes the internal operations that build a new descriptor and write it.
+// Exposes the constructor that builds a new descriptor from a current one.
 struct BuiltDescriptor : SecurityDescriptorDacl {
     BuiltDescriptor(SecurityDescriptorDacl& current, AnyPackageSid& sid)
         : SecurityDescriptorDacl(current, sid) {}
-    using SecurityDescriptorDacl::applyToFile;
 };
 
 inline std::string aclBytes(const SecurityDescriptorDacl& d, std::size_t n) {
     return std::string(static_cast<const char*>(d.getDacl()), n);
+}
+
+// `f` must raise the configuration event of `line` with `params`.
+inline void expectFailure(const std::function<void()>& f, int line, const std::string& params) {
+    nebratest::expectSite(
+        nebratest::expectEvent<
+            pkcs11::certstoreupdater::CertStoreUpdaterError_InvalidConfiguration>(f),
+        "CertStoreUpdaterError_InvalidConfiguration", "src\\mspermissions", line, params);
+}
+// Runs `f` with `api` in place of the platform's security layer.
+template <class F>
+void withApi(TestApi& api, F f) {
+    sec::ScopedApi scope(api);
+    f();
 }
 
 inline std::wstring wide(const std::string& path) {

@@ -8,74 +8,38 @@
 #include "tests/mspermissions/helpers.h"
 
 using namespace permtest;
-using nebratest::expectEvent;
-using nebratest::expectSite;
 using nebratest::TempDir;
-using pkcs11::certstoreupdater::CertStoreUpdaterError_InvalidConfiguration;
 namespace fs = boost::filesystem;
 
 namespace {
 
-const char* kEvent = "CertStoreUpdaterError_InvalidConfiguration";
-const char* kSource = "src\\mspermissions";
 // The entry that a grant puts first: allowed, OI|CI, GENERIC_READ, S-1-15-2-1.
 const std::string kGrantEntry(
     "\x00\x03\x18\x00\x00\x00\x00\x80"
     "\x01\x02\x00\x00\x00\x00\x00\x0F\x02\x00\x00\x00\x01\x00\x00\x00",
     24);
 
-void touch(const fs::path& p) {
-    nebratest::writeFile(p.string(), "x");
-}
-
 // Paths below `root` as "a/b", whatever separator the platform's listing used.
-std::vector<std::string> relative(const std::vector<std::string>& paths, const TempDir& root) {
-    std::vector<std::string> out;
-    for (std::string p : paths) {
+std::vector<std::string> relative(std::vector<std::string> paths, const TempDir& root) {
+    for (std::string& p : paths) {
         std::replace(p.begin(), p.end(), '\\', '/');
-        std::string base = root.path();
-        std::replace(base.begin(), base.end(), '\\', '/');
-        out.push_back(p.size() > base.size() ? p.substr(base.size() + 1) : ".");
+        p = p.size() > root.path().size() ? p.substr(root.path().size() + 1) : ".";
     }
-    return out;
+    return paths;
 }
-
-std::size_t indexOf(const std::vector<std::string>& v, const std::string& s) {
-    return static_cast<std::size_t>(std::find(v.begin(), v.end(), s) - v.begin());
-}
-
 }  // namespace
 
-TEST(AnyPackageSid, IsTheAllApplicationPackagesSid) {
+// The SID, and the new DACL built in memory from a file's real one: this part runs under Wine too.
+TEST(SecurityDescriptorDacl, NewDaclPutsTheGrantFirstAndCopiesEveryEntry) {
     static_assert(!std::is_copy_constructible<AnyPackageSid>::value, "would free the SID twice");
     AnyPackageSid sid;
     ASSERT_EQ(sid.getLengthSid(), 16u);
     EXPECT_EQ(std::string(static_cast<const char*>(sid.getSid()), 16), kGrantEntry.substr(8));
     EXPECT_EQ(sec::sidToString(sid.getSid(), 16), "S-1-15-2-1");
-}
 
-TEST(SecurityDescriptorDacl, MissingPathFailsAtTheReadingCall) {
-    TempDir dir;
-    std::string missing = dir.file("missing.txt");
-    AnyPackageSid sid;
-    const std::string params = "Method=GetFileSecurity;error=2";
-    expectSite(expectEvent<CertStoreUpdaterError_InvalidConfiguration>(
-                   [&] { SecurityDescriptorDacl d(wide(missing)); }),
-               kEvent, kSource, 69, params);
-    expectSite(expectEvent<CertStoreUpdaterError_InvalidConfiguration>(
-                   [&] { MSPermissionsUtils::addPermissions(missing, sid); }),
-               kEvent, kSource, 69, params);
-    expectSite(expectEvent<CertStoreUpdaterError_InvalidConfiguration>(
-                   [&] { MSPermissionsUtils::addPermissionsRecursive(missing, sid); }),
-               kEvent, kSource, 69, params);
-}
-
-// The new DACL is built in memory from a file's real one: this part runs under Wine too.
-TEST(SecurityDescriptorDacl, NewDaclPutsTheGrantFirstAndCopiesEveryEntry) {
     TempDir dir;
     std::string file = dir.file("f.txt");
-    touch(file);
-    AnyPackageSid sid;
+    nebratest::writeFile(file, "x");
     SecurityDescriptorDacl current(wide(file));
     auto before = current.getAclSizeInformation();
     ASSERT_GT(before.AceCount, 0u) << "a fresh file's DACL has entries on both platforms";
@@ -88,13 +52,11 @@ TEST(SecurityDescriptorDacl, NewDaclPutsTheGrantFirstAndCopiesEveryEntry) {
     EXPECT_EQ(after.AclBytesInUse, before.AclBytesInUse + 24);
     EXPECT_EQ(after.AclBytesFree, 8u);  // sized for two SIDs, the entry needs 8 + one
     std::string acl = aclBytes(built, after.AclBytesInUse + after.AclBytesFree);
-    EXPECT_EQ(static_cast<unsigned char>(acl[0]), 2u);  // ACL_REVISION
+    EXPECT_EQ(acl[0], 2);  // ACL_REVISION, then the size
     EXPECT_EQ(static_cast<unsigned char>(acl[2]) | static_cast<unsigned char>(acl[3]) << 8,
               static_cast<int>(before.AclBytesInUse + 32));
-    EXPECT_EQ(acl.substr(8, 24), kGrantEntry);
-    EXPECT_EQ(acl.substr(32, oldEntries.size()), oldEntries);
+    EXPECT_EQ(acl.substr(8, 24) + acl.substr(32, oldEntries.size()), kGrantEntry + oldEntries);
     EXPECT_TRUE(MSPermissionsUtils::hasPermissions(built, sid));
-
     // An absolute descriptor of 40 bytes whose DACL is present.
     const auto& sd = built.getSecurityDescriptor();
     ASSERT_EQ(sd.size(), 40u);
@@ -104,109 +66,81 @@ TEST(SecurityDescriptorDacl, NewDaclPutsTheGrantFirstAndCopiesEveryEntry) {
 }
 
 // Every failing call raises the event of its own line with "Method" and "error", and nothing is
-// written to the file.
+// written to the file; a missing path fails at the reading call.
 TEST(MSPermissionsUtils, EachFailingCallRaisesItsEvent) {
     TempDir dir;
-    std::string file = dir.file("f.txt");
-    touch(file);
-    std::uint32_t entries;
-    {
-        SecurityDescriptorDacl d(wide(file));
-        entries = d.getAclSizeInformation().AceCount;
-    }
-    struct Case {
-        Op op;
-        int nth;
-        int line;
-        const char* method;
-    };
-    const Case cases[] = {
-        {Op::GetFileSecurity, 2, 69, "GetFileSecurity"},  // the first is the sizing call
-        {Op::GetSdDacl, 1, 76, "GetSecurityDescriptorDacl"},
-        {Op::GetAclInformation, 1, 113, "GetAclInformation"},
-        {Op::GetAce, 1, 209, "GetAce"},
-        {Op::InitializeSd, 1, 94, "InitializeSecurityDescriptor"},
-        {Op::InitializeAcl, 1, 20, "InitializeAcl"},
-        {Op::AddAllowed, 1, 158, "AddAccessAllowedAceEx"},
-        {Op::GetAce, static_cast<int>(entries) + 1, 169, "GetAce"},  // after hasPermissions
-        {Op::AddAce, 1, 176, "AddAce"},
-        {Op::IsValidAcl, 1, 184, "IsValidAcl"},
-        {Op::SetSdDacl, 1, 191, "SetSecurityDescriptorDacl"},
-        {Op::SetFileSecurity, 1, 140, "SetFileSecurity"},
-    };
+    std::string file = dir.file("f.txt"), missing = dir.file("missing.txt");
+    nebratest::writeFile(file, "x");
     AnyPackageSid sid;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.method + std::string(" at line ") + std::to_string(c.line));
+    for (const auto& f : std::vector<std::function<void()>>{
+             [&] { SecurityDescriptorDacl d(wide(missing)); },
+             [&] { MSPermissionsUtils::addPermissions(missing, sid); },
+             [&] { MSPermissionsUtils::addPermissionsRecursive(missing, sid); }})
+        expectFailure(f, 69, "Method=GetFileSecurity;error=2");
+
+    const int entries =
+        static_cast<int>(SecurityDescriptorDacl(wide(file)).getAclSizeInformation().AceCount);
+    // GetFileSecurity's first call is the sizing call; GetAce after hasPermissions's calls.
+    const std::tuple<const char*, int, int> cases[] = {{"GetFileSecurity", 2, 69},
+                                                       {"GetSecurityDescriptorDacl", 1, 76},
+                                                       {"GetAclInformation", 1, 113},
+                                                       {"GetAce", 1, 209},
+                                                       {"InitializeSecurityDescriptor", 1, 94},
+                                                       {"InitializeAcl", 1, 20},
+                                                       {"AddAccessAllowedAceEx", 1, 158},
+                                                       {"GetAce", entries + 1, 169},
+                                                       {"AddAce", 1, 176},
+                                                       {"IsValidAcl", 1, 184},
+                                                       {"SetSecurityDescriptorDacl", 1, 191},
+                                                       {"SetFileSecurity", 1, 140}};
+    for (const auto& [method, nth, line] : cases) {
+        SCOPED_TRACE(method + std::string(" at line ") + std::to_string(line));
         TestApi api;
-        api.failAt(c.op, c.nth, 4242);
-        sec::ScopedApi scope(api);
-        auto e = expectEvent<CertStoreUpdaterError_InvalidConfiguration>(
-            [&] { MSPermissionsUtils::addPermissions(file, sid); });
-        expectSite(e, kEvent, kSource, c.line, std::string("Method=") + c.method + ";error=4242");
+        api.fail = {method, nth, 4242};
+        withApi(api, [&] {
+            expectFailure([&] { MSPermissionsUtils::addPermissions(file, sid); }, line,
+                          std::string("Method=") + method + ";error=4242");
+        });
         EXPECT_TRUE(api.writes.empty());
     }
     TestApi api;
-    api.failAt(Op::AllocateSid, 1, 8);
-    sec::ScopedApi scope(api);
-    expectSite(expectEvent<CertStoreUpdaterError_InvalidConfiguration>([] { AnyPackageSid s; }),
-               kEvent, kSource, 37, "Method=AllocateAndInitializeSid;error=8");
+    api.fail = {"AllocateAndInitializeSid", 1, 8};
+    withApi(api, [] {
+        expectFailure([] { AnyPackageSid s; }, 37, "Method=AllocateAndInitializeSid;error=8");
+    });
 }
 
-TEST(MSPermissionsUtils, RecursiveGrantReachesTwoLevelsInPreOrder) {
+TEST(MSPermissionsUtils, RecursiveGrantReachesTwoLevelsInPreOrderOnce) {
     TempDir dir;
     fs::path root(dir.path());
     fs::create_directories(root / "a" / "b" / "c" / "d");
-    for (auto f : {"f0", "a/f1", "a/b/f2", "a/b/c/f3", "a/b/c/d/f4"}) touch(root / f);
+    for (auto f : {"f0", "a/f1", "a/b/f2", "a/b/c/f3", "a/b/c/d/f4"})
+        nebratest::writeFile((root / f).string(), "x");
     AnyPackageSid sid;
-    TestApi api;
-    {
-        sec::ScopedApi scope(api);
-        MSPermissionsUtils::addPermissionsRecursive(root, sid);
-    }
-    std::vector<std::string> written = relative(api.writes, dir);
-    std::vector<std::string> sorted = written;
+    TestApi api, single, again, file;
+    withApi(api, [&] { MSPermissionsUtils::addPermissionsRecursive(root, sid); });
+    std::vector<std::string> written = relative(api.writes, dir), sorted = written;
     std::sort(sorted.begin(), sorted.end());
     // Depth 0, 1 and 2; b is listed, but its entries (depth 3) are neither read nor written.
     EXPECT_EQ(sorted, (std::vector<std::string>{".", "a", "a/b", "a/f1", "f0"}));
-    EXPECT_EQ(relative(api.reads, dir).size(), 5u);
+    EXPECT_EQ(api.reads.size(), 5u);
     ASSERT_EQ(written.size(), 5u);
+    auto at = [&](const char* p) { return std::find(written.begin(), written.end(), p); };
     EXPECT_EQ(written[0], ".");
-    EXPECT_LT(indexOf(written, "a"), indexOf(written, "a/f1"));
-    EXPECT_LT(indexOf(written, "a"), indexOf(written, "a/b"));
-
+    EXPECT_LT(at("a"), at("a/f1"));
+    EXPECT_LT(at("a"), at("a/b"));
     // A regular file: granted, not listed.
-    TestApi single;
-    sec::ScopedApi scope(single);
-    MSPermissionsUtils::addPermissionsRecursive(root / "a/b/c/f3", sid);
+    withApi(single, [&] { MSPermissionsUtils::addPermissionsRecursive(root / "a/b/c/f3", sid); });
     EXPECT_EQ(relative(single.writes, dir), std::vector<std::string>{"a/b/c/f3"});
-}
 
-TEST(MSPermissionsUtils, GrantingAgainWritesNothing) {
+    // Granting again reads everything and writes nothing.
     if (nebratest::runningUnderWine())
         GTEST_SKIP() << "Wine does not keep file ACLs: a written DACL is not read back";
-    TempDir dir;
-    fs::path root(dir.path());
-    fs::create_directories(root / "a" / "b");
-    touch(root / "a" / "f");
-    AnyPackageSid sid;
-    TestApi first, second, third;
-    {
-        sec::ScopedApi scope(first);
-        MSPermissionsUtils::addPermissionsRecursive(root, sid);
-    }
-    EXPECT_EQ(first.writes.size(), 4u);
-    {
-        sec::ScopedApi scope(second);
-        MSPermissionsUtils::addPermissionsRecursive(root, sid);
-    }
-    EXPECT_EQ(second.reads.size(), 4u);
-    EXPECT_TRUE(second.writes.empty());
-    {
-        sec::ScopedApi scope(third);
-        MSPermissionsUtils::addPermissions(root / "a" / "f", sid);
-    }
-    EXPECT_TRUE(third.writes.empty());
-    SecurityDescriptorDacl d(wide((root / "a" / "f").string()));
+    withApi(again, [&] { MSPermissionsUtils::addPermissionsRecursive(root, sid); });
+    withApi(file, [&] { MSPermissionsUtils::addPermissions(root / "a/f1", sid); });
+    EXPECT_EQ(again.reads.size(), 5u);
+    EXPECT_TRUE(again.writes.empty() && file.writes.empty());
+    SecurityDescriptorDacl d(wide((root / "a/f1").string()));
     EXPECT_TRUE(MSPermissionsUtils::hasPermissions(d, sid));
     EXPECT_EQ(aclBytes(d, 32).substr(8), kGrantEntry);
 }
