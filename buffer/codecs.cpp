@@ -189,7 +189,9 @@ int hexEncode(BufferRange<unsigned char> in, Buffer<wchar_t>& out) {
     out.reserve(out.size() + 2 * in.size());
     return hexTo(in, out);
 }
-int hexEncode(BufferRange<unsigned char> in, TmpBuffer<wchar_t>& out) { return hexTo(in, out); }
+int hexEncode(BufferRange<unsigned char> in, TmpBuffer<wchar_t>& out) {
+    return hexTo(in, out);
+}
 Buffer<wchar_t> hex(const unsigned char* p, std::size_t n) {
     Buffer<wchar_t> out;
     if (n) hexEncode(BufferRange<unsigned char>(p, n), out);

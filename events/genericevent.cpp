@@ -29,9 +29,13 @@ GenericEvent& GenericEvent::operator=(const GenericEvent& other) {
 
 GenericEvent::~GenericEvent() = default;
 
-const char* GenericEvent::what() const noexcept { return name_.c_str(); }
+const char* GenericEvent::what() const noexcept {
+    return name_.c_str();
+}
 
-GenericEvent* GenericEvent::clone() const { return new GenericEvent(*this); }
+GenericEvent* GenericEvent::clone() const {
+    return new GenericEvent(*this);
+}
 
 bool GenericEvent::equal(const GenericEvent& other) const {
     if (name_ != other.name_ || file_ != other.file_ || line_ != other.line_ ||
@@ -72,7 +76,9 @@ buffer::TmpBuffer<wchar_t> GenericEvent::dump() const {
     return out;
 }
 
-void GenericEvent::raise() const { throw *this; }
+void GenericEvent::raise() const {
+    throw *this;
+}
 
 GenericEvent& GenericEvent::setParam(const buffer::Buffer<wchar_t>& key,
                                      const buffer::Buffer<wchar_t>& value) {

@@ -18,7 +18,7 @@ namespace fmt = platform::security::format;
 
 // The file system of one file whose stored descriptor is the fuzz input.
 class OneFile : public sec::ForwardingApi {
-  public:
+public:
     OneFile(const std::uint8_t* data, std::size_t size) : stored(data, data + size) {}
 
     bool getFileSecurity(const std::wstring&, std::uint32_t information, void* descriptor,

@@ -33,7 +33,9 @@ void* openModule(const std::string& path, std::string& error) {
 void* moduleSymbol(void* handle, const char* name) {
     return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(handle), name));
 }
-void closeModule(void* handle) { FreeLibrary(static_cast<HMODULE>(handle)); }
+void closeModule(void* handle) {
+    FreeLibrary(static_cast<HMODULE>(handle));
+}
 #else
 void* openModule(const std::string& path, std::string& error) {
     void* h = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -43,8 +45,12 @@ void* openModule(const std::string& path, std::string& error) {
     }
     return h;
 }
-void* moduleSymbol(void* handle, const char* name) { return dlsym(handle, name); }
-void closeModule(void* handle) { dlclose(handle); }
+void* moduleSymbol(void* handle, const char* name) {
+    return dlsym(handle, name);
+}
+void closeModule(void* handle) {
+    dlclose(handle);
+}
 #endif
 
 }  // namespace

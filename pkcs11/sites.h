@@ -11,8 +11,8 @@ struct Site {
 };
 
 // Attribute sets.
-constexpr Site kAttributeTypeTwice{L"pkcs11\\ckattributes", 156};   // CKR_TEMPLATE_INCONSISTENT
-constexpr Site kAttributeNoBuffer{L"pkcs11\\ckattributes", 162};    // CKR_ATTRIBUTE_VALUE_INVALID
+constexpr Site kAttributeTypeTwice{L"pkcs11\\ckattributes", 156};  // CKR_TEMPLATE_INCONSISTENT
+constexpr Site kAttributeNoBuffer{L"pkcs11\\ckattributes", 162};   // CKR_ATTRIBUTE_VALUE_INVALID
 constexpr Site kAttributeNotInSet{L"pkcs11\\ckattributes", 315};   // CKR_ATTRIBUTE_TYPE_INVALID
 
 // Module loading.

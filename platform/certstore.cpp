@@ -30,14 +30,22 @@ A* replace(A* impl, A& native) {
 
 namespace certstore {
 Api::~Api() = default;
-Api& api() { return current<Api>(native()); }
-Api* install(Api* impl) { return replace(impl, native()); }
+Api& api() {
+    return current<Api>(native());
+}
+Api* install(Api* impl) {
+    return replace(impl, native());
+}
 }  // namespace certstore
 
 namespace providers {
 Api::~Api() = default;
-Api& api() { return current<Api>(native()); }
-Api* install(Api* impl) { return replace(impl, native()); }
+Api& api() {
+    return current<Api>(native());
+}
+Api* install(Api* impl) {
+    return replace(impl, native());
+}
 }  // namespace providers
 
 }  // namespace platform

@@ -35,7 +35,7 @@ constexpr std::uint8_t kAccessDeniedAceType = 1;
 using AclSizeInformation = pkcs11::certstoreupdater::AclSizeInformation;
 
 class NEBRALIB_EXPORT Api {
-  public:
+public:
     virtual ~Api();
 
     virtual bool allocateAndInitializeSid(const std::uint8_t authority[6], std::uint8_t count,
@@ -74,7 +74,7 @@ class NEBRALIB_EXPORT Api {
 // Passes every operation on to `target` (native() by default): the base of wrappers that count
 // calls or inject faults by overriding the operations they are about.
 class NEBRALIB_EXPORT ForwardingApi : public Api {
-  public:
+public:
     explicit ForwardingApi(Api* target = nullptr);
     ~ForwardingApi() override;
 
@@ -103,19 +103,19 @@ class NEBRALIB_EXPORT ForwardingApi : public Api {
     bool isValidAcl(void* acl) override;
     std::uint32_t lastError() override;
 
-  protected:
+protected:
     Api& target;
 };
 
 // Installs an implementation for the lifetime of the object and restores the previous one.
 class NEBRALIB_EXPORT ScopedApi {
-  public:
+public:
     explicit ScopedApi(Api& replacement);
     ~ScopedApi();
     ScopedApi(const ScopedApi&) = delete;
     ScopedApi& operator=(const ScopedApi&) = delete;
 
-  private:
+private:
     Api* previous;
 };
 

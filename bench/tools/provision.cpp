@@ -57,7 +57,8 @@ std::string makeCert(EVP_PKEY* issuerKey, EVP_PKEY* subjectKey, const std::strin
 
 int main(int argc, char** argv) {
     if (argc < 5) {
-        std::fprintf(stderr, "usage: %s MODULE TOKEN_LABEL PIN COUNT [--keys] [--prefix TEXT]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s MODULE TOKEN_LABEL PIN COUNT [--keys] [--prefix TEXT]\n",
+                     argv[0]);
         return 2;
     }
     std::string module = argv[1], label = argv[2], pin = argv[3];
@@ -82,15 +83,17 @@ int main(int argc, char** argv) {
         }
         pkcs11::CkSession session(true, lib, 0);
         session.open(slot->id, CKF_SERIAL_SESSION | CKF_RW_SESSION);
-        buffer::Buffer<unsigned char> p(reinterpret_cast<const unsigned char*>(pin.data()), pin.size());
+        buffer::Buffer<unsigned char> p(reinterpret_cast<const unsigned char*>(pin.data()),
+                                        pin.size());
         session.login(CKU_USER, buffer::BufferRange<unsigned char>(p));
         CK_FUNCTION_LIST* f = session.functions();
 
         auto issuerKey = ecKey();
         auto subjectKey = ecKey();
         for (long i = 0; i < count; ++i) {
-            unsigned char id[4] = {static_cast<unsigned char>(i >> 24), static_cast<unsigned char>(i >> 16),
-                                   static_cast<unsigned char>(i >> 8), static_cast<unsigned char>(i)};
+            unsigned char id[4] = {
+                static_cast<unsigned char>(i >> 24), static_cast<unsigned char>(i >> 16),
+                static_cast<unsigned char>(i >> 8), static_cast<unsigned char>(i)};
             std::string cn = prefix + " certificate " + std::to_string(i);
             std::string subjectDer;
             std::string der = makeCert(issuerKey.get(), subjectKey.get(), cn, i + 1, subjectDer);
@@ -98,36 +101,43 @@ int main(int argc, char** argv) {
             CK_CERTIFICATE_TYPE type = CKC_X_509;
             CK_BBOOL yes = CK_TRUE;
             CK_ATTRIBUTE t[] = {
-                {CKA_CLASS, &cls, sizeof cls}, {CKA_CERTIFICATE_TYPE, &type, sizeof type},
-                {CKA_TOKEN, &yes, sizeof yes}, {CKA_VALUE, &der[0], der.size()},
-                {CKA_ID, id, sizeof id},       {CKA_LABEL, &cn[0], cn.size()},
+                {CKA_CLASS, &cls, sizeof cls},
+                {CKA_CERTIFICATE_TYPE, &type, sizeof type},
+                {CKA_TOKEN, &yes, sizeof yes},
+                {CKA_VALUE, &der[0], der.size()},
+                {CKA_ID, id, sizeof id},
+                {CKA_LABEL, &cn[0], cn.size()},
                 {CKA_SUBJECT, &subjectDer[0], subjectDer.size()},
             };
             CK_OBJECT_HANDLE h;
             CK_RV rv = f->C_CreateObject(session.handle(), t, 7, &h);
             if (rv != CKR_OK) {
-                std::fprintf(stderr, "C_CreateObject failed: 0x%lx\n", static_cast<unsigned long>(rv));
+                std::fprintf(stderr, "C_CreateObject failed: 0x%lx\n",
+                             static_cast<unsigned long>(rv));
                 return 1;
             }
             if (keys) {
                 // A private key object with the certificate's CKA_ID. Created, not generated:
                 // only its identifier matters to harvesting, and creation is much quicker.
-                static const unsigned char p256[] = {0x06, 0x08, 0x2a, 0x86, 0x48, 0xce, 0x3d, 0x03, 0x01, 0x07};
+                static const unsigned char p256[] = {0x06, 0x08, 0x2a, 0x86, 0x48,
+                                                     0xce, 0x3d, 0x03, 0x01, 0x07};
                 unsigned char scalar[32];
                 for (int b = 0; b < 32; ++b) scalar[b] = static_cast<unsigned char>(b + 1);
                 CK_OBJECT_CLASS keyClass = CKO_PRIVATE_KEY;
                 CK_KEY_TYPE keyType = CKK_EC;
-                CK_ATTRIBUTE priv[] = {{CKA_CLASS, &keyClass, sizeof keyClass},
-                                       {CKA_KEY_TYPE, &keyType, sizeof keyType},
-                                       {CKA_TOKEN, &yes, sizeof yes},
-                                       {CKA_PRIVATE, &yes, sizeof yes},
-                                       {CKA_EC_PARAMS, const_cast<unsigned char*>(p256), sizeof p256},
-                                       {CKA_VALUE, scalar, sizeof scalar},
-                                       {CKA_ID, id, sizeof id}};
+                CK_ATTRIBUTE priv[] = {
+                    {CKA_CLASS, &keyClass, sizeof keyClass},
+                    {CKA_KEY_TYPE, &keyType, sizeof keyType},
+                    {CKA_TOKEN, &yes, sizeof yes},
+                    {CKA_PRIVATE, &yes, sizeof yes},
+                    {CKA_EC_PARAMS, const_cast<unsigned char*>(p256), sizeof p256},
+                    {CKA_VALUE, scalar, sizeof scalar},
+                    {CKA_ID, id, sizeof id}};
                 CK_OBJECT_HANDLE k;
                 rv = f->C_CreateObject(session.handle(), priv, 7, &k);
                 if (rv != CKR_OK) {
-                    std::fprintf(stderr, "C_CreateObject(private key) failed: 0x%lx\n", static_cast<unsigned long>(rv));
+                    std::fprintf(stderr, "C_CreateObject(private key) failed: 0x%lx\n",
+                                 static_cast<unsigned long>(rv));
                     return 1;
                 }
             }
@@ -135,7 +145,8 @@ int main(int argc, char** argv) {
         session.close();
         pkcs11::Libraries::instance().unload(lib);
     } catch (const orvo::GenericEvent& e) {
-        std::fprintf(stderr, "error: %s\n", buffer::toUtf8(buffer::Buffer<wchar_t>(e.dump())).c_str());
+        std::fprintf(stderr, "error: %s\n",
+                     buffer::toUtf8(buffer::Buffer<wchar_t>(e.dump())).c_str());
         return 1;
     }
     return 0;

@@ -8,7 +8,7 @@ namespace pkcs11 {
 namespace certstoreupdater {
 
 class NEBRALIB_EXPORT CodeVerifier {
-  public:
+public:
     CodeVerifier() = delete;
 
     // Returns when the file at `path` carries a valid embedded Authenticode signature that chains

@@ -30,7 +30,7 @@ struct AclSizeInformation {
 
 // Owns the SID S-1-15-2-1 (16 bytes). Not copyable: pass it by reference.
 class NEBRALIB_EXPORT AnyPackageSid {
-  public:
+public:
     AnyPackageSid();
     ~AnyPackageSid();
     AnyPackageSid(const AnyPackageSid&) = delete;
@@ -40,14 +40,14 @@ class NEBRALIB_EXPORT AnyPackageSid {
     void* getSid();
     unsigned long getLengthSid();
 
-  private:
+private:
     void* sid;
 };
 
 // A security descriptor that carries a DACL: either read from a file or built by
 // MSPermissionsUtils with the app-package entry in front of a file's current entries.
 class NEBRALIB_EXPORT SecurityDescriptorDacl {
-  public:
+public:
     // Reads the DACL part of the descriptor of the file or folder at `path` (UTF-16 text). A
     // descriptor without a DACL, or with a null DACL, is refused.
     explicit SecurityDescriptorDacl(std::wstring path);
@@ -64,13 +64,13 @@ class NEBRALIB_EXPORT SecurityDescriptorDacl {
         return securityDescriptor;
     }
 
-  protected:
+protected:
     // Internal: the new descriptor whose DACL is the app-package entry followed by every entry
     // of `current`, and its write to a file. Used by MSPermissionsUtils.
     SecurityDescriptorDacl(SecurityDescriptorDacl& current, AnyPackageSid& sid);
     void applyToFile(std::wstring path);
 
-  private:
+private:
     friend class MSPermissionsUtils;
     // A buffer of exactly `size` bytes holding an empty ACL.
     static std::shared_ptr<buffer::Buffer<unsigned char>> createAcl(std::uint32_t size);
@@ -86,7 +86,7 @@ class NEBRALIB_EXPORT SecurityDescriptorDacl {
 // folders) by putting an access-allowed entry first in the DACL, unless the DACL already names
 // the group in any entry.
 class NEBRALIB_EXPORT MSPermissionsUtils {
-  public:
+public:
     MSPermissionsUtils() = delete;
 
     static void addPermissions(boost::filesystem::path path, AnyPackageSid& sid);
@@ -96,6 +96,6 @@ class NEBRALIB_EXPORT MSPermissionsUtils {
     // Whether any entry of the descriptor's DACL (allowed, denied, inherited alike) names `sid`.
     static bool hasPermissions(SecurityDescriptorDacl& descriptor, AnyPackageSid& sid);
 
-  private:
+private:
     static void addPermissionsAtDepth(boost::filesystem::path path, AnyPackageSid& sid, int depth);
 };

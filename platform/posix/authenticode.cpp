@@ -589,7 +589,7 @@ void checkTimestamp(const Signature& s, const std::vector<X509*>& outerCerts, X5
 
 // Bytes of the image to verify: a file read with pread, or memory.
 class Source {
-  public:
+public:
     virtual ~Source() = default;
     virtual std::uint64_t size() const = 0;
     // Reads [off, off + n), which the caller has checked to lie inside the image.
@@ -598,7 +598,7 @@ class Source {
 };
 
 class MemorySource : public Source {
-  public:
+public:
     MemorySource(const unsigned char* p, std::size_t n) : p_(p), n_(n) {}
     std::uint64_t size() const override { return n_; }
     void read(std::uint64_t off, unsigned char* dst, std::size_t n) override {
@@ -609,13 +609,13 @@ class MemorySource : public Source {
             fail(Status::Unsupported);
     }
 
-  private:
+private:
     const unsigned char* p_;
     std::size_t n_;
 };
 
 class FileSource : public Source {
-  public:
+public:
     FileSource(int fd, std::uint64_t size) : fd_(fd), size_(size) {}
     std::uint64_t size() const override { return size_; }
     void read(std::uint64_t off, unsigned char* dst, std::size_t n) override {
@@ -639,7 +639,7 @@ class FileSource : public Source {
         }
     }
 
-  private:
+private:
     static constexpr std::size_t kChunk = 256 * 1024;
     int fd_;
     std::uint64_t size_;
@@ -789,7 +789,7 @@ Status guarded(F f) {
 }
 
 class Fd {
-  public:
+public:
     explicit Fd(int fd) : fd_(fd) {}
     ~Fd() {
         if (fd_ >= 0) close(fd_);
@@ -798,7 +798,7 @@ class Fd {
     Fd& operator=(const Fd&) = delete;
     int get() const { return fd_; }
 
-  private:
+private:
     int fd_;
 };
 

@@ -32,7 +32,9 @@ std::vector<std::string> utf8Arguments(int argc, char** argv) {
     return std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc);
 }
 
-bool stderrIsTerminal() { return isatty(STDERR_FILENO) != 0; }
+bool stderrIsTerminal() {
+    return isatty(STDERR_FILENO) != 0;
+}
 
 }  // namespace console
 }  // namespace platform

@@ -40,7 +40,7 @@ struct Tlv {
 };
 
 class Reader {
-  public:
+public:
     Reader() = default;
     Reader(const unsigned char* p, std::size_t n) : p_(p), end_(p + n) {}
 
@@ -85,7 +85,7 @@ class Reader {
         if (!atEnd()) throw Malformed();
     }
 
-  private:
+private:
     const unsigned char* p_ = nullptr;
     const unsigned char* end_ = nullptr;
 };

@@ -116,7 +116,7 @@ struct PendingRead {
 thread_local PendingRead pending;
 
 class PosixApi final : public Api {
-  public:
+public:
     bool allocateAndInitializeSid(const std::uint8_t authority[6], std::uint8_t count,
                                   const std::uint32_t subAuthorities[8], void** sid) override {
         if (count > 8) return fail(fmt::kErrorInvalidParameter);
@@ -226,7 +226,7 @@ class PosixApi final : public Api {
 
     std::uint32_t lastError() override { return lastErrorCode; }
 
-  private:
+private:
     static bool check(std::uint32_t error) { return error == 0 || fail(error); }
 };
 

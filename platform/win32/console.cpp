@@ -45,7 +45,9 @@ std::vector<std::string> utf8Arguments(int argc, char** argv) {
     return out;
 }
 
-bool stderrIsTerminal() { return _isatty(_fileno(stderr)) != 0; }
+bool stderrIsTerminal() {
+    return _isatty(_fileno(stderr)) != 0;
+}
 
 }  // namespace console
 }  // namespace platform

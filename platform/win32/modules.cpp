@@ -4,7 +4,9 @@
 namespace platform {
 namespace modules {
 
-std::string findRegisteredModule(const std::string&) { return ""; }
+std::string findRegisteredModule(const std::string&) {
+    return "";
+}
 
 }  // namespace modules
 }  // namespace platform

@@ -25,7 +25,7 @@ static_assert(kAclSizeInformationClass == ::AclSizeInformation, "Windows values"
 namespace {
 
 class Win32Api final : public Api {
-  public:
+public:
     bool allocateAndInitializeSid(const std::uint8_t authority[6], std::uint8_t count,
                                   const std::uint32_t s[8], void** sid) override {
         SID_IDENTIFIER_AUTHORITY a;

@@ -61,7 +61,9 @@ bool isCaCertificate(const asn1::Certificate& cert) {
 }
 
 // Plain insertion: the first certificate found under a key stays.
-void file(CertMap& map, const CertItem& item) { map.emplace(makeCertKey(item.id), item); }
+void file(CertMap& map, const CertItem& item) {
+    map.emplace(makeCertKey(item.id), item);
+}
 
 }  // namespace
 

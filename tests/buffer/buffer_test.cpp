@@ -16,7 +16,7 @@ TEST(Buffer, SharingCopyOnWriteAndTermination) {
     Buffer<char> copy = *original;
     EXPECT_EQ(copy.data(), original->data());  // shared block
     EXPECT_EQ(copy.useCount(), 2u);
-    delete original;                           // the copy survives its source
+    delete original;  // the copy survives its source
     EXPECT_EQ(copy.useCount(), 1u);
     EXPECT_STREQ(copy.c_str(), "hello");
 

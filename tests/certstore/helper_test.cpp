@@ -25,7 +25,7 @@ constexpr std::uint32_t kCspRef = 54086;
 // store references obtained through it. A failing deletion or release still releases the
 // context, as the real calls do. (Leaked or doubly released contexts show under ASan.)
 class FaultyStore : public cs::Api {
-  public:
+public:
     // Read: a property read after its successful size query.
     enum Op { Open, Add, Read, SetKpi, SetProp, Duplicate, Mismatch, Delete, Free, kOps };
     FaultyStore() : in_(cs::install(this)) {}
@@ -79,7 +79,7 @@ class FaultyStore : public cs::Api {
     }
     const unsigned char* encoded(cs::Cert c, std::size_t* n) override { return in_->encoded(c, n); }
 
-  private:
+private:
     struct Fault {
         Op op;
         std::uint32_t error, prop;
@@ -107,7 +107,7 @@ class FaultyStore : public cs::Api {
 // Wraps the provider enumeration and fails the size query of index `sizeAt`, or the read of the
 // name of index `readAt` after its successful size query.
 class ProviderFaults : public platform::providers::Api {
-  public:
+public:
     ProviderFaults(std::uint32_t sizeAt, std::uint32_t readAt)
         : inner_(platform::providers::install(this)), sizeAt_(sizeAt), readAt_(readAt) {}
     ~ProviderFaults() override { platform::providers::install(inner_); }
@@ -118,7 +118,7 @@ class ProviderFaults : public platform::providers::Api {
         return false;
     }
 
-  private:
+private:
     platform::providers::Api* inner_;
     std::uint32_t sizeAt_, readAt_;
 };
@@ -152,7 +152,7 @@ std::string utf16z(const std::string& ascii) {
 
 // A helper on a fresh store of its own, and direct access to what the store holds.
 class Helper : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override { reopen(); }
     void TearDown() override {
         for (const char* n : kAll) h_->deleteCertificate(cert(n));

@@ -65,7 +65,7 @@ bool opens(const std::wstring& name) {
 // nobody when the tests run as root and `asNobody` is set, so that file permissions apply. It
 // must be forked while this process holds no database connection: those must not cross a fork.
 class Child {
-  public:
+public:
     explicit Child(const std::function<bool()>& work, bool asNobody = false) {
         if ((pid_ = fork()) != 0) return;
         if (asNobody && geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(3);
@@ -86,7 +86,7 @@ class Child {
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 
-  private:
+private:
     pid_t pid_ = -1;
 };
 

@@ -156,9 +156,9 @@ TEST(Authenticode, CertificatesOfTheUsersRootStoreAreTrusted) {
     au::Der root = bytesOf(corpus("trust/root.der"));
     {
         pkcs11::certstoreupdater::CertStoreHelper store(L"ROOT");
-        store.addCspCertificate(L"test", L"", L"", asn1::Certificate(buffer::Buffer<unsigned char>(
-                                                       root.data(), root.size())),
-                                false);
+        store.addCspCertificate(
+            L"test", L"", L"",
+            asn1::Certificate(buffer::Buffer<unsigned char>(root.data(), root.size())), false);
     }
     EXPECT_NO_THROW(pkcs11::certstoreupdater::CodeVerifier::verify(path));
     if (old)

@@ -6,7 +6,8 @@ using namespace pkcs11::certstoreupdater;
 using buffer::Buffer;
 
 TEST(Events, NameSourceAndOrderedParameters) {
-    CertStoreUpdaterError_SetCertFriendlyNameFailed e(Buffer<wchar_t>(L"src\\certstorehelper"), 277);
+    CertStoreUpdaterError_SetCertFriendlyNameFailed e(Buffer<wchar_t>(L"src\\certstorehelper"),
+                                                      277);
     e.setParam(L"CSP", L"Prov").setParam(L"CONTAINER", L"K1").setParam(L"FRIENDLYNAME", L"Ab");
     EXPECT_STREQ(e.what(), "CertStoreUpdaterError_SetCertFriendlyNameFailed");
     nebratest::expectSite(e, "CertStoreUpdaterError_SetCertFriendlyNameFailed",

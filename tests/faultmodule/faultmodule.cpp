@@ -4,7 +4,8 @@
 // Control, either through the environment (read at C_GetFunctionList) or at run time through the
 // exported nebra_fault_* functions:
 //   NEBRA_FAULT_TARGET  path of the real module (default: SoftHSM2)
-//   NEBRA_FAULT         comma-separated rules "C_Name=RV" (every call fails with RV, hex or decimal),
+//   NEBRA_FAULT         comma-separated rules "C_Name=RV" (every call fails with RV, hex or
+//   decimal),
 //                       "C_Name=RV@N" (only the N-th call from now fails), or "C_GetSlotList=empty"
 //                       (no slot reported)
 //   NEBRA_FAULT_COUNTS  file that receives "C_Name count" lines when the module is finalised
@@ -52,7 +53,8 @@ void parseRules(const char* spec) {
         } else {
             std::size_t at = value.find('@');
             r.rv = std::strtoul(value.substr(0, at).c_str(), nullptr, 0);
-            if (at != std::string::npos) r.onlyCall = std::strtol(value.c_str() + at + 1, nullptr, 10);
+            if (at != std::string::npos)
+                r.onlyCall = std::strtol(value.c_str() + at + 1, nullptr, 10);
         }
         gRules[name] = r;
     }

@@ -16,7 +16,7 @@ namespace permtest {
 namespace sec = platform::security;
 
 class TestApi : public sec::ForwardingApi {
-  public:
+public:
     // Makes call number `nth` (from 1) of the function named `op` fail with `error`.
     struct {
         std::string op;
@@ -85,7 +85,7 @@ class TestApi : public sec::ForwardingApi {
         return injected ? fail.error : ForwardingApi::lastError();
     }
 
-  private:
+private:
     bool inject(const std::string& op) {
         if (op != fail.op || ++calls[op] != fail.nth) return false;
         injected = true;

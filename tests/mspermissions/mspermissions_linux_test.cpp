@@ -78,7 +78,7 @@ void grant(const std::string& path) {
 
 // Takes away the capabilities that let root ignore file permissions, for this thread.
 class WithoutFileCapabilities {
-  public:
+public:
     WithoutFileCapabilities() {
         syscall(SYS_capget, &header_, saved_);
         __user_cap_data_struct reduced[2] = {saved_[0], saved_[1]};
@@ -88,7 +88,7 @@ class WithoutFileCapabilities {
     }
     ~WithoutFileCapabilities() { syscall(SYS_capset, &header_, saved_); }
 
-  private:
+private:
     __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct saved_[2];
 };
@@ -96,7 +96,7 @@ class WithoutFileCapabilities {
 // Leaves exactly `n` file descriptors free for this process: takes every free one below a
 // lowered limit, then gives `n` back.
 class FileDescriptorBudget {
-  public:
+public:
     explicit FileDescriptorBudget(int n) {
         getrlimit(RLIMIT_NOFILE, &saved_);
         rlimit r = saved_;
@@ -110,7 +110,7 @@ class FileDescriptorBudget {
         setrlimit(RLIMIT_NOFILE, &saved_);
     }
 
-  private:
+private:
     rlimit saved_;
     std::vector<int> fillers_;
 };

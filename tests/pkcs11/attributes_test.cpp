@@ -14,7 +14,9 @@ void expectCryptoki(const std::function<void()>& f, int line, const char* code) 
 
 TEST(CkAttributes, TemplateValuesAndSetRules) {
     CkAttributes t;
-    t.addUlong(CKA_CLASS, CKO_CERTIFICATE).addBool(CKA_TOKEN, true).addUlong(CKA_CERTIFICATE_TYPE, CKC_X_509);
+    t.addUlong(CKA_CLASS, CKO_CERTIFICATE)
+        .addBool(CKA_TOKEN, true)
+        .addUlong(CKA_CERTIFICATE_TYPE, CKC_X_509);
     ASSERT_EQ(t.size(), 3u);
     // CK_ULONG values are as wide as the platform's CK_ULONG, booleans one byte.
     EXPECT_EQ(t.data()[0].ulValueLen, sizeof(CK_ULONG));

@@ -9,7 +9,8 @@ using nebratest::SoftHsm;
 namespace {
 
 buffer::Buffer<unsigned char> pin(const std::string& s) {
-    return buffer::Buffer<unsigned char>(reinterpret_cast<const unsigned char*>(s.data()), s.size());
+    return buffer::Buffer<unsigned char>(reinterpret_cast<const unsigned char*>(s.data()),
+                                         s.size());
 }
 
 std::vector<std::string> keys(const CertMap& m) {
@@ -92,7 +93,7 @@ TEST_F(Harvest, SortsIntoFourMaps) {
     // With a private key: CA and self-signed ones too, unlike getAllCerts.
     std::unique_ptr<CertMap> withKey = helper.getCertsWithPrivateKey();
     EXPECT_EQ(keys(*withKey), (std::vector<std::string>{"CKAIDHEX:02", "CKAIDHEX:10", "CKAIDHEX:11",
-                                                         "CKAIDHEX:20"}));
+                                                        "CKAIDHEX:20"}));
     EXPECT_TRUE(sameCert(withKey->at(buffer::wide(L"CKAIDHEX:02")), "ca"));
 
     std::unique_ptr<CertMap> others = helper.getOtherCerts();
@@ -114,8 +115,8 @@ TEST_F(Harvest, OneAttributeCallPerObjectAndBatchedSearch) {
 TEST_F(Harvest, CryptokiFailuresCloseTheSearch) {
     Pkcs11Helper helper(module);
     helper.login(pin("1234"));
-    for (const char* rule : {"C_GetAttributeValue=0x30@5", "C_FindObjects=0x30",
-                             "C_FindObjectsInit=0x30@2"}) {
+    for (const char* rule :
+         {"C_GetAttributeValue=0x30@5", "C_FindObjects=0x30", "C_FindObjectsInit=0x30@2"}) {
         SCOPED_TRACE(rule);
         SoftHsm::setFaults(rule);
         auto e = nebratest::expectEvent<pkcs11::Pkcs11Error_CryptokiError>(

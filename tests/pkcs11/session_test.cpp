@@ -9,7 +9,8 @@ using nebratest::SoftHsm;
 namespace {
 
 buffer::Buffer<unsigned char> pin(const std::string& s) {
-    return buffer::Buffer<unsigned char>(reinterpret_cast<const unsigned char*>(s.data()), s.size());
+    return buffer::Buffer<unsigned char>(reinterpret_cast<const unsigned char*>(s.data()),
+                                         s.size());
 }
 
 void expectCryptokiCode(const std::function<void()>& f, const char* code) {

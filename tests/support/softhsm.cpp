@@ -39,8 +39,12 @@ SoftHsm::~SoftHsm() {
         unsetenv("SOFTHSM2_CONF");
 }
 
-std::string SoftHsm::module() { return "/usr/lib/softhsm/libsofthsm2.so"; }
-std::string SoftHsm::faultModule() { return std::string(NEBRA_BINARY_DIR) + "/lib/libnebra_faultp11.so"; }
+std::string SoftHsm::module() {
+    return "/usr/lib/softhsm/libsofthsm2.so";
+}
+std::string SoftHsm::faultModule() {
+    return std::string(NEBRA_BINARY_DIR) + "/lib/libnebra_faultp11.so";
+}
 
 namespace {
 // The fault module stays loaded for the whole test process, so that rules and counters survive
@@ -65,14 +69,16 @@ long SoftHsm::faultCount(const char* function) {
     return count(function);
 }
 
-void SoftHsm::initToken(const std::string& label, const std::string& pin, const std::string& soPin) {
+void SoftHsm::initToken(const std::string& label, const std::string& pin,
+                        const std::string& soPin) {
     must(sh("softhsm2-util --init-token --free --label " + shellQuote(label) + " --so-pin " +
             shellQuote(soPin) + " --pin " + shellQuote(pin) + " >/dev/null"),
          "softhsm2-util --init-token");
 }
 
 void SoftHsm::initTokenWithoutUserPin(const std::string& label, const std::string& soPin) {
-    // pkcs11-tool initialises the token (SO PIN) and, without --init-pin, leaves the user PIN unset.
+    // pkcs11-tool initialises the token (SO PIN) and, without --init-pin, leaves the user PIN
+    // unset.
     must(sh("pkcs11-tool --module " + module() + " --init-token --label " + shellQuote(label) +
             " --so-pin " + shellQuote(soPin) + " >/dev/null 2>&1"),
          "pkcs11-tool --init-token");
@@ -86,7 +92,8 @@ TokenWriter::TokenWriter(const std::string& module, const std::string& tokenLabe
         if (u8(pkcs11::CkToken(slot).info().label) != tokenLabel) continue;
         session_.reset(new pkcs11::CkSession(true, lib_, 0));
         session_->open(slot.id, CKF_SERIAL_SESSION | CKF_RW_SESSION);
-        buffer::Buffer<unsigned char> p(reinterpret_cast<const unsigned char*>(pin.data()), pin.size());
+        buffer::Buffer<unsigned char> p(reinterpret_cast<const unsigned char*>(pin.data()),
+                                        pin.size());
         session_->login(CKU_USER, buffer::BufferRange<unsigned char>(p));
         return;
     }
@@ -123,13 +130,15 @@ CK_OBJECT_HANDLE TokenWriter::addCertificate(const buffer::Buffer<unsigned char>
     };
     CK_OBJECT_HANDLE h = 0;
     CK_RV rv = session_->functions()->C_CreateObject(session_->handle(), t, 7, &h);
-    if (rv != CKR_OK) throw std::runtime_error("C_CreateObject(certificate) = " + std::to_string(rv));
+    if (rv != CKR_OK)
+        throw std::runtime_error("C_CreateObject(certificate) = " + std::to_string(rv));
     return h;
 }
 
 void TokenWriter::addKeyPair(const std::string& id, const std::string& label) {
     // P-256 by its OID: quick to generate, and only the private key's CKA_ID matters here.
-    static const unsigned char p256[] = {0x06, 0x08, 0x2a, 0x86, 0x48, 0xce, 0x3d, 0x03, 0x01, 0x07};
+    static const unsigned char p256[] = {0x06, 0x08, 0x2a, 0x86, 0x48,
+                                         0xce, 0x3d, 0x03, 0x01, 0x07};
     CK_BBOOL yes = CK_TRUE;
     CK_MECHANISM mech = {CKM_EC_KEY_PAIR_GEN, nullptr, 0};
     CK_ATTRIBUTE pub[] = {

@@ -43,9 +43,8 @@ public:
     TokenWriter(const std::string& module, const std::string& tokenLabel, const std::string& pin);
     ~TokenWriter();
     // A certificate object from DER with the given CKA_ID and raw CKA_LABEL bytes.
-    CK_OBJECT_HANDLE addCertificate(const buffer::Buffer<unsigned char>& der,
-                                    const std::string& id, const std::string& label,
-                                    bool tokenObject = true);
+    CK_OBJECT_HANDLE addCertificate(const buffer::Buffer<unsigned char>& der, const std::string& id,
+                                    const std::string& label, bool tokenObject = true);
     // An EC key pair whose private key carries CKA_ID `id`.
     void addKeyPair(const std::string& id, const std::string& label = "key");
     pkcs11::CkSession& session() { return *session_; }

@@ -9,8 +9,12 @@
 
 namespace nebratest {
 
-std::string u8(const buffer::Buffer<wchar_t>& b) { return buffer::toUtf8(b); }
-std::string u8(const std::wstring& s) { return buffer::toUtf8(s); }
+std::string u8(const buffer::Buffer<wchar_t>& b) {
+    return buffer::toUtf8(b);
+}
+std::string u8(const std::wstring& s) {
+    return buffer::toUtf8(s);
+}
 
 buffer::Buffer<wchar_t> w(const char* ascii) {
     buffer::Buffer<wchar_t> out;
@@ -29,10 +33,14 @@ buffer::Buffer<unsigned char> fromHex(const std::string& hex) {
     int hi = -1;
     for (char c : hex) {
         int v;
-        if (c >= '0' && c <= '9') v = c - '0';
-        else if (c >= 'a' && c <= 'f') v = c - 'a' + 10;
-        else if (c >= 'A' && c <= 'F') v = c - 'A' + 10;
-        else continue;
+        if (c >= '0' && c <= '9')
+            v = c - '0';
+        else if (c >= 'a' && c <= 'f')
+            v = c - 'a' + 10;
+        else if (c >= 'A' && c <= 'F')
+            v = c - 'A' + 10;
+        else
+            continue;
         if (hi < 0) {
             hi = v;
         } else {

@@ -47,7 +47,9 @@ bool Args::flag(const std::string& name) const {
         if (f == name) return true;
     return false;
 }
-bool Args::has(const std::string& name) const { return options_.count(name) != 0; }
+bool Args::has(const std::string& name) const {
+    return options_.count(name) != 0;
+}
 std::string Args::get(const std::string& name, const std::string& fallback) const {
     auto it = options_.find(name);
     return it == options_.end() ? fallback : it->second;
@@ -69,22 +71,42 @@ static std::map<std::string, Command>& registry() {
     static std::map<std::string, Command> r;
     return r;
 }
-Registrar::Registrar(Command c) { registry()[c.name] = std::move(c); }
-const std::map<std::string, Command>& commands() { return registry(); }
+Registrar::Registrar(Command c) {
+    registry()[c.name] = std::move(c);
+}
+const std::map<std::string, Command>& commands() {
+    return registry();
+}
 
-std::string utf8(const buffer::Buffer<wchar_t>& b) { return buffer::toUtf8(b); }
-std::string utf8(const std::wstring& s) { return buffer::toUtf8(s); }
-std::wstring wideFromUtf8(const std::string& s) { return buffer::fromUtf8(s); }
+std::string utf8(const buffer::Buffer<wchar_t>& b) {
+    return buffer::toUtf8(b);
+}
+std::string utf8(const std::wstring& s) {
+    return buffer::toUtf8(s);
+}
+std::wstring wideFromUtf8(const std::string& s) {
+    return buffer::fromUtf8(s);
+}
 
 std::string jsonString(const std::string& s) {
     std::string out = "\"";
     for (unsigned char c : s) {
         switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\n': out += "\\n"; break;
-            case '\r': out += "\\r"; break;
-            case '\t': out += "\\t"; break;
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
             default:
                 if (c < 0x20) {
                     char buf[8];

@@ -13,7 +13,7 @@ namespace sec = platform::security;
 
 // Counts the descriptors read and written while a grant runs.
 class Counter : public sec::ForwardingApi {
-  public:
+public:
     bool getFileSecurity(const std::wstring& path, std::uint32_t information, void* descriptor,
                          std::uint32_t length, std::uint32_t* needed) override {
         bool ok = ForwardingApi::getFileSecurity(path, information, descriptor, length, needed);

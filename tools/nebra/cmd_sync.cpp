@@ -58,7 +58,8 @@ std::string displayName(const CertItem& item) {
 class Progress {
 public:
     Progress(std::size_t total, const std::string& store)
-        : total_(total), store_(store),
+        : total_(total),
+          store_(store),
           show_(total > 20 && platform::console::stderrIsTerminal()) {}
     ~Progress() {
         if (show_ && done_) std::fprintf(stderr, "\n");
@@ -123,7 +124,8 @@ std::string changesJson(const std::vector<Change>& v) {
     std::string out = "[";
     for (std::size_t i = 0; i < v.size(); ++i) {
         if (i) out += ",";
-        out += "{\"container\":" + jsonString(v[i].container) + ",\"name\":" + jsonString(v[i].name) + "}";
+        out += "{\"container\":" + jsonString(v[i].container) +
+               ",\"name\":" + jsonString(v[i].name) + "}";
     }
     return out + "]";
 }
@@ -150,8 +152,8 @@ int run(const Args& args) {
     results.push_back(syncStore(csp, args.get("store", "MY"), "certsWithPrivateKey",
                                 all->certsWithPrivateKey, true, prune, dryRun));
     if (args.has("roots"))
-        results.push_back(syncStore(csp, args.get("roots"), "rootCerts", all->rootCerts, false,
-                                    prune, dryRun));
+        results.push_back(
+            syncStore(csp, args.get("roots"), "rootCerts", all->rootCerts, false, prune, dryRun));
     if (args.has("cas"))
         results.push_back(
             syncStore(csp, args.get("cas"), "caCerts", all->caCerts, false, prune, dryRun));
@@ -167,12 +169,13 @@ int run(const Args& args) {
     }
 
     if (args.flag("json")) {
-        std::cout << "{\"dryRun\":" << (dryRun ? "true" : "false") << ",\"csp\":"
-                  << jsonString(args.get("csp")) << ",\"stores\":[";
+        std::cout << "{\"dryRun\":" << (dryRun ? "true" : "false")
+                  << ",\"csp\":" << jsonString(args.get("csp")) << ",\"stores\":[";
         for (std::size_t i = 0; i < results.size(); ++i) {
             const StoreResult& r = results[i];
             std::cout << (i ? "," : "") << "{\"store\":" << jsonString(r.store)
-                      << ",\"group\":" << jsonString(r.group) << ",\"added\":" << changesJson(r.added)
+                      << ",\"group\":" << jsonString(r.group)
+                      << ",\"added\":" << changesJson(r.added)
                       << ",\"unchanged\":" << changesJson(r.unchanged)
                       << ",\"keptUnbound\":" << changesJson(r.kept)
                       << ",\"removed\":" << changesJson(r.removed) << "}";
@@ -188,15 +191,20 @@ int run(const Args& args) {
         if (!r.kept.empty()) std::cout << ", " << r.kept.size() << " present but bound otherwise";
         if (prune) std::cout << ", " << r.removed.size() << " " << verbRemove;
         std::cout << "\n";
-        for (const Change& c : r.added) std::cout << "  + " << c.container << "  " << c.name << "\n";
+        for (const Change& c : r.added)
+            std::cout << "  + " << c.container << "  " << c.name << "\n";
         for (const Change& c : r.kept)
             std::cout << "  = " << c.container << "  " << c.name << " (left as it is)\n";
-        for (const Change& c : r.removed) std::cout << "  - " << c.container << "  " << c.name << "\n";
+        for (const Change& c : r.removed)
+            std::cout << "  - " << c.container << "  " << c.name << "\n";
     }
     return 0;
 }
 
-Registrar reg({"sync", "write the token's certificates into certificate stores", kUsage, run,
+Registrar reg({"sync",
+               "write the token's certificates into certificate stores",
+               kUsage,
+               run,
                {"module", "csp", "store", "roots", "cas", "others", "pin-env", "pin-file"}});
 
 }  // namespace

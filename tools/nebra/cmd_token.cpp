@@ -12,7 +12,8 @@ const char* kUsage =
     "Logs in to the token in the module's first slot and prints its certificates, sorted into\n"
     "root, CA, with-private-key and other certificates, with key, label, subject and issuer.\n"
     "\n"
-    "  --module PATH_OR_NAME  PKCS#11 module file, or the name of a module registered with p11-kit\n"
+    "  --module PATH_OR_NAME  PKCS#11 module file, or the name of a module registered with "
+    "p11-kit\n"
     "  --pin-env VAR          read the user PIN from environment variable VAR\n"
     "  --pin-file FILE        read the user PIN from the first line of FILE\n"
     "                         (without either, the PIN is asked for without echo)\n"
@@ -68,7 +69,10 @@ int run(const Args& args) {
     return 0;
 }
 
-Registrar reg({"token", "log in to a token and list its certificates", kUsage, run,
+Registrar reg({"token",
+               "log in to a token and list its certificates",
+               kUsage,
+               run,
                {"module", "pin-env", "pin-file"}});
 
 }  // namespace

@@ -16,7 +16,8 @@ class CertificateData;  // the decoded views, shared between copies
 class NEBRALIB_EXPORT ObjectIdentifier {
 public:
     ObjectIdentifier() = default;
-    // From dotted text such as "2.5.4.3"; raises TarnError_Asn1_SettingValue on the component rules.
+    // From dotted text such as "2.5.4.3"; raises TarnError_Asn1_SettingValue on the component
+    // rules.
     static ObjectIdentifier fromDotted(const char* dotted);
     // From DER contents octets (no tag, no length); raises TarnError_Asn1_Decode when they are not
     // a valid encoding.
@@ -79,7 +80,8 @@ private:
 class NEBRALIB_EXPORT Certificate {
 public:
     Certificate();  // unset
-    // Decodes one complete DER certificate (v1, v2 or v3); raises the TarnError family on bad input.
+    // Decodes one complete DER certificate (v1, v2 or v3); raises the TarnError family on bad
+    // input.
     explicit Certificate(const buffer::Buffer<unsigned char>& der);
     static Certificate decode(const buffer::Buffer<unsigned char>& der) { return Certificate(der); }
     Certificate(const Certificate&);
@@ -89,7 +91,7 @@ public:
     bool isSet() const;
     // The exact DER bytes the certificate was decoded from (its DER encoding).
     const buffer::Buffer<unsigned char>& der() const;
-    int version() const;  // 0 for v1, 1 for v2, 2 for v3
+    int version() const;                                      // 0 for v1, 1 for v2, 2 for v3
     buffer::BufferRange<unsigned char> serialNumber() const;  // INTEGER contents octets
     // The complete DER of toBeSigned (the signed part) and of subjectPublicKeyInfo.
     buffer::BufferRange<unsigned char> toBeSigned() const;
@@ -101,7 +103,8 @@ public:
 
     // Extension lookup by OID; the value is the contents of extnValue (the inner DER).
     bool hasExtension(const ObjectIdentifier& oid) const;
-    bool extensionValue(const ObjectIdentifier& oid, buffer::BufferRange<unsigned char>& value) const;
+    bool extensionValue(const ObjectIdentifier& oid,
+                        buffer::BufferRange<unsigned char>& value) const;
     // The same for an extension that must be there: raises TarnError_Asn1_ObjectMissing
     // ("EXTENSION" = dotted OID) when it is absent.
     buffer::BufferRange<unsigned char> requireExtension(const ObjectIdentifier& oid) const;

@@ -32,7 +32,8 @@ struct Block {
         return (sizeof(BlockHeader) + alignof(T) - 1) / alignof(T) * alignof(T);
     }
     static BlockHeader* header(T* units) {
-        return reinterpret_cast<BlockHeader*>(reinterpret_cast<unsigned char*>(units) - headerSize());
+        return reinterpret_cast<BlockHeader*>(reinterpret_cast<unsigned char*>(units) -
+                                              headerSize());
     }
     // Allocates a block for `capacity` units plus the terminator; the count starts at 1.
     static T* allocate(std::uint64_t capacity) {
@@ -86,7 +87,7 @@ public:
         o.ptr_ = nullptr;
         o.len_ = 0;
     }
-    Buffer(TmpBuffer<T>&& t);  // NOLINT: implicit by design, takes a heap block over
+    Buffer(TmpBuffer<T>&& t);       // NOLINT: implicit by design, takes a heap block over
     Buffer(const TmpBuffer<T>& t);  // NOLINT
     ~Buffer() { Blk::release(ptr_); }
 
@@ -319,8 +320,12 @@ private:
 using ByteRange = BufferRange<unsigned char>;
 
 // Wide text from a plain ASCII or UTF-16 literal; wchar_t units hold 16-bit values everywhere.
-inline Buffer<wchar_t> wide(const wchar_t* s) { return Buffer<wchar_t>(s); }
-inline Buffer<wchar_t> wide(const std::wstring& s) { return Buffer<wchar_t>(s); }
+inline Buffer<wchar_t> wide(const wchar_t* s) {
+    return Buffer<wchar_t>(s);
+}
+inline Buffer<wchar_t> wide(const std::wstring& s) {
+    return Buffer<wchar_t>(s);
+}
 
 // Unsigned decimal digits without sign, padding or prefix.
 inline Buffer<wchar_t> decimal(std::uint64_t v) {

@@ -47,14 +47,18 @@ public:
     static bool step(BufferRange<wchar_t>& in, Buffer<unsigned char>& out);
     static Buffer<unsigned char> encode(const Buffer<wchar_t>& in);
     static Buffer<unsigned char> encode(const wchar_t* p, std::size_t n);
-    static Buffer<unsigned char> encode(const std::wstring& s) { return encode(s.data(), s.size()); }
+    static Buffer<unsigned char> encode(const std::wstring& s) {
+        return encode(s.data(), s.size());
+    }
 };
 
 // Appends two upper-case hex digits per byte; returns 0.
 NEBRALIB_EXPORT int hexEncode(BufferRange<unsigned char> in, Buffer<wchar_t>& out);
 NEBRALIB_EXPORT int hexEncode(BufferRange<unsigned char> in, TmpBuffer<wchar_t>& out);
 NEBRALIB_EXPORT Buffer<wchar_t> hex(const unsigned char* p, std::size_t n);
-inline Buffer<wchar_t> hex(const Buffer<unsigned char>& b) { return hex(b.data(), b.size()); }
+inline Buffer<wchar_t> hex(const Buffer<unsigned char>& b) {
+    return hex(b.data(), b.size());
+}
 
 template <class T>
 struct Lower;
@@ -67,8 +71,12 @@ NEBRALIB_EXPORT Buffer<wchar_t> toLower(const Buffer<wchar_t>& in);
 
 // Convenience conversions between wide buffers / std::wstring and UTF-8 std::string.
 NEBRALIB_EXPORT std::string toUtf8(const wchar_t* p, std::size_t n);
-inline std::string toUtf8(const Buffer<wchar_t>& b) { return toUtf8(b.data(), b.size()); }
-inline std::string toUtf8(const std::wstring& s) { return toUtf8(s.data(), s.size()); }
+inline std::string toUtf8(const Buffer<wchar_t>& b) {
+    return toUtf8(b.data(), b.size());
+}
+inline std::string toUtf8(const std::wstring& s) {
+    return toUtf8(s.data(), s.size());
+}
 NEBRALIB_EXPORT std::wstring fromUtf8(const std::string& s);
 
 }  // namespace buffer

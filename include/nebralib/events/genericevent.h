@@ -36,7 +36,8 @@ public:
     // Throws a copy of the event as its most-derived class.
     [[noreturn]] virtual void raise() const;
 
-    GenericEvent& setParam(const buffer::Buffer<wchar_t>& key, const buffer::Buffer<wchar_t>& value);
+    GenericEvent& setParam(const buffer::Buffer<wchar_t>& key,
+                           const buffer::Buffer<wchar_t>& value);
     GenericEvent& setParent(const GenericEvent& parent);
 
     const buffer::Buffer<char>& name() const { return name_; }
@@ -61,48 +62,47 @@ private:
 
 // Declares an event class `Name` derived from `Base`. Its name text is the class name; setParam is
 // re-declared so that chained calls keep the leaf type and `throw e.setParam(...)` throws the leaf.
-#define NEBRA_DEFINE_EVENT(Name, Base)                                                           \
-    class NEBRALIB_EXPORT Name : public Base {                                                   \
-    public:                                                                                      \
-        Name(const ::buffer::Buffer<wchar_t>& file, int line)                                    \
-            : Base(::buffer::Buffer<char>(#Name), file, line, 0) {}                              \
-        ~Name() override;                                                                        \
-        Name* clone() const override { return new Name(*this); }                                 \
-        [[noreturn]] void raise() const override { throw *this; }                                \
-        Name& setParam(const ::buffer::Buffer<wchar_t>& key,                                     \
-                       const ::buffer::Buffer<wchar_t>& value) {                                 \
-            ::orvo::GenericEvent::setParam(key, value);                                          \
-            return *this;                                                                        \
-        }                                                                                        \
-        Name& setParam(const wchar_t* key, const ::buffer::Buffer<wchar_t>& value) {             \
-            ::orvo::GenericEvent::setParam(::buffer::Buffer<wchar_t>(key), value);               \
-            return *this;                                                                        \
-        }                                                                                        \
-        Name& setParam(const wchar_t* key, const wchar_t* value) {                               \
-            ::orvo::GenericEvent::setParam(::buffer::Buffer<wchar_t>(key),                       \
-                                           ::buffer::Buffer<wchar_t>(value));                    \
-            return *this;                                                                        \
-        }                                                                                        \
-        Name& setParam(const wchar_t* key, const std::wstring& value) {                          \
-            ::orvo::GenericEvent::setParam(::buffer::Buffer<wchar_t>(key),                       \
-                                           ::buffer::Buffer<wchar_t>(value));                    \
-            return *this;                                                                        \
-        }                                                                                        \
+#define NEBRA_DEFINE_EVENT(Name, Base)                                               \
+    class NEBRALIB_EXPORT Name : public Base {                                       \
+    public:                                                                          \
+        Name(const ::buffer::Buffer<wchar_t>& file, int line)                        \
+            : Base(::buffer::Buffer<char>(#Name), file, line, 0) {}                  \
+        ~Name() override;                                                            \
+        Name* clone() const override { return new Name(*this); }                     \
+        [[noreturn]] void raise() const override { throw *this; }                    \
+        Name& setParam(const ::buffer::Buffer<wchar_t>& key,                         \
+                       const ::buffer::Buffer<wchar_t>& value) {                     \
+            ::orvo::GenericEvent::setParam(key, value);                              \
+            return *this;                                                            \
+        }                                                                            \
+        Name& setParam(const wchar_t* key, const ::buffer::Buffer<wchar_t>& value) { \
+            ::orvo::GenericEvent::setParam(::buffer::Buffer<wchar_t>(key), value);   \
+            return *this;                                                            \
+        }                                                                            \
+        Name& setParam(const wchar_t* key, const wchar_t* value) {                   \
+            ::orvo::GenericEvent::setParam(::buffer::Buffer<wchar_t>(key),           \
+                                           ::buffer::Buffer<wchar_t>(value));        \
+            return *this;                                                            \
+        }                                                                            \
+        Name& setParam(const wchar_t* key, const std::wstring& value) {              \
+            ::orvo::GenericEvent::setParam(::buffer::Buffer<wchar_t>(key),           \
+                                           ::buffer::Buffer<wchar_t>(value));        \
+            return *this;                                                            \
+        }                                                                            \
     };
 
 // Declares an intermediate family class whose constructor takes the full event identity.
-#define NEBRA_DEFINE_EVENT_FAMILY(Name, Base)                                                    \
-    class NEBRALIB_EXPORT Name : public Base {                                                   \
-    public:                                                                                      \
+#define NEBRA_DEFINE_EVENT_FAMILY(Name, Base)                                                     \
+    class NEBRALIB_EXPORT Name : public Base {                                                    \
+    public:                                                                                       \
         Name(const ::buffer::Buffer<char>& name, const ::buffer::Buffer<wchar_t>& file, int line, \
-             unsigned int code)                                                                 \
-            : Base(name, file, line, code) {}                                                    \
-        ~Name() override;                                                                        \
-        Name* clone() const override { return new Name(*this); }                                 \
-        [[noreturn]] void raise() const override { throw *this; }                                \
+             unsigned int code)                                                                   \
+            : Base(name, file, line, code) {}                                                     \
+        ~Name() override;                                                                         \
+        Name* clone() const override { return new Name(*this); }                                  \
+        [[noreturn]] void raise() const override { throw *this; }                                 \
     };
 
 // Defines the out-of-line destructor of an event class, so that its vtable and type information
 // live in the library (and are exported from the DLL) rather than in every user.
-#define NEBRA_IMPLEMENT_EVENT(Name) \
-    Name::~Name() = default;
+#define NEBRA_IMPLEMENT_EVENT(Name) Name::~Name() = default;
