@@ -46,14 +46,23 @@ again=$(echo "$(date +%s.%N) - $s" | bc)
 [ "$(echo "$out" | count unchanged)" -eq "$COUNT" ] || fail "re-sync did not find all unchanged"
 echo "sync of $COUNT: first ${first}s, again ${again}s"
 
-# kill -9 at random moments of a sync, each on a fresh store. Reading the token comes first (about
-# as long as the dry run), so the moments are drawn mostly from the later part, where it writes.
+# kill -9 at random moments while a sync writes, each on a fresh store. Reading the token comes
+# first, so each round waits until the store's write-ahead log has content (the sync has started
+# writing) and then kills after a random part of the time the writing took in the first sync.
+write=$(echo "$first - $dry" | bc)
+if (( $(echo "$write < 0.05" | bc) )); then write=0.05; fi
+wal=$XDG_DATA_HOME/nebralib/certstores.sqlite-wal
 midway=0
 for i in $(seq "$KILLS"); do
   rm -rf "$XDG_DATA_HOME"
   "${SYNC[@]}" >/dev/null 2>&1 &  # the process itself, so that the kill reaches it
   pid=$!
-  sleep "$(echo "scale=3; $dry * 0.8 + ($first - $dry * 0.8) * ($RANDOM % 1000) / 1000" | bc)"
+  for _ in $(seq 2000); do
+    [ -s "$wal" ] && break
+    kill -0 $pid 2>/dev/null || break
+    sleep 0.002
+  done
+  sleep "$(echo "scale=4; $write * ($RANDOM % 1000) / 1000" | bc)"
   kill -9 $pid 2>/dev/null || true
   wait $pid 2>/dev/null || true
   n=$(listed) || fail "store did not open after kill -9 (round $i)"
