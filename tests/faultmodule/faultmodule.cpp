@@ -34,10 +34,10 @@ std::map<std::string, long> gCounts;
 CK_FUNCTION_LIST* gTarget = nullptr;
 CK_FUNCTION_LIST gList;
 
-void parseRules(const char* spec) {
+void parseRules(const char* rules) {
     gRules.clear();
-    if (!spec) return;
-    std::string s(spec);
+    if (!rules) return;
+    std::string s(rules);
     std::size_t pos = 0;
     while (pos < s.size()) {
         std::size_t end = s.find(',', pos);
@@ -172,9 +172,9 @@ __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUNCTION_LIST_
 }
 
 // Replaces the rules and clears the counters.
-__attribute__((visibility("default"))) void nebra_fault_set(const char* spec) {
+__attribute__((visibility("default"))) void nebra_fault_set(const char* rules) {
     std::lock_guard<std::mutex> lock(gMutex);
-    parseRules(spec);
+    parseRules(rules);
     gCounts.clear();
 }
 
