@@ -22,7 +22,7 @@ namespace certstoreupdater {
 
 class NEBRALIB_EXPORT CertStoreHelper {
 public:
-    // The CSP reference property and the key specifications of getKeySpec.
+    // The CSP reference property and the AT_* values getKeySpec returns.
     static constexpr std::uint32_t kCspReferencePropId = 54086;
     static constexpr std::uint32_t kAtKeyExchange = 1;  // AT_KEYEXCHANGE
     static constexpr std::uint32_t kAtSignature = 2;    // AT_SIGNATURE

@@ -192,16 +192,16 @@ bool CertStoreHelper::getCertContextProperty(const void* ctx, std::uint32_t prop
 std::uint32_t CertStoreHelper::getKeySpec(const asn1::Certificate& cert) const {
     // KeyUsage bits: 0 digitalSignature, 1 nonRepudiation, 2 keyEncipherment,
     // 3 dataEncipherment, 5 keyCertSign, 6 cRLSign. Encryption use wins over signing use.
-    std::uint32_t spec = 0;
+    std::uint32_t keySpec = 0;
     for (int bit : {0, 1, 5, 6}) {
         if (cert.checkUsage(bit)) {
-            spec = kAtSignature;
+            keySpec = kAtSignature;
             break;
         }
     }
     if (cert.checkUsage(2)) return kAtKeyExchange;
     if (cert.checkUsage(3)) return kAtKeyExchange;
-    return spec;
+    return keySpec;
 }
 
 void CertStoreHelper::addCspCertificate(const std::wstring& csp, const std::wstring& container,

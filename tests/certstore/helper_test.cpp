@@ -274,9 +274,9 @@ TEST(CertStoreHelperKeySpec, EncryptionUseWinsOverSigning) {
     CertStoreHelper h(storetest::uniqueStoreName());
     // alice: digitalSignature + keyEncipherment; signing: digitalSignature; root: keyCertSign +
     // cRLSign; agreement: keyAgreement only; nousage: no KeyUsage extension.
-    const std::pair<const char*, std::uint32_t> specs[] = {
+    const std::pair<const char*, std::uint32_t> keySpecs[] = {
         {"alice", 1}, {"signing", 2}, {"root", 2}, {"agreement", 0}, {"nousage", 0}};
-    for (const auto& s : specs) EXPECT_EQ(h.getKeySpec(cert(s.first)), s.second) << s.first;
+    for (const auto& s : keySpecs) EXPECT_EQ(h.getKeySpec(cert(s.first)), s.second) << s.first;
 }
 
 // What Wine does faithfully: the add itself, key provider information, friendly names, a silent

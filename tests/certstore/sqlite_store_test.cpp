@@ -134,7 +134,7 @@ TEST(SqliteStore, IdentityIsTheExactEncodingAndKeyInfoHasItsLayout) {
     EXPECT_EQ(h.listCertsByCsp(L"", false)->size(), 2u);
     EXPECT_FALSE(storetest::storedProperty(name, altered, cs::kPropKeyProvInfo, raw));
     ASSERT_TRUE(storetest::storedProperty(name, alice, cs::kPropKeyProvInfo, raw));
-    // Layout version, provider type, flags, key spec, container units, provider units, K1, U+20AC.
+    // Layout version, provider type, flags, key type (AT_*), container units, provider units, K1, U+20AC.
     EXPECT_EQ(raw,
               nebratest::fromHex("0100000001000000000000000100000002000000010000004B003100AC20"));
     cs::KeyProvInfo back;
