@@ -7,19 +7,15 @@
 # usage: bench/harvest.sh [BUILD_DIR] [COUNT] [--no-keys]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/softhsm.sh
 BUILD=${1:-build}
 COUNT=${2:-1000}
 RUNS=${RUNS:-5}
 KEYS=--keys
 [ "${3:-}" = "--no-keys" ] && KEYS=""
-SOFTHSM=/usr/lib/softhsm/libsofthsm2.so
-# SoftHSM2's file store syncs every object it writes: keep tokens in memory where possible.
-if [ -w /dev/shm ]; then work=$(mktemp -d -p /dev/shm); else work=$(mktemp -d); fi
+work=$(scratch_dir)
 trap 'rm -rf "$work"' EXIT
-mkdir -p "$work/tokens"
-printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' "$work/tokens" \
-  > "$work/softhsm2.conf"
-export SOFTHSM2_CONF=$work/softhsm2.conf
+export SOFTHSM2_CONF=$(softhsm_conf "$work")
 export BENCH_PIN=1234
 softhsm2-util --init-token --free --label bench --so-pin 12345678 --pin $BENCH_PIN >/dev/null
 t0=$(date +%s.%N)

@@ -6,16 +6,13 @@
 # usage: bench/sync.sh [BUILD_DIR] [COUNT]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/softhsm.sh
 BUILD=${1:-build}
 COUNT=${2:-1000}
 NEBRA=$BUILD/bin/nebra
-SOFTHSM=/usr/lib/softhsm/libsofthsm2.so
-if [ -w /dev/shm ]; then work=$(mktemp -d -p /dev/shm); else work=$(mktemp -d); fi
+work=$(scratch_dir)
 trap 'rm -rf "$work"' EXIT
-mkdir -p "$work/tokens"
-printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' "$work/tokens" \
-  > "$work/softhsm2.conf"
-export SOFTHSM2_CONF=$work/softhsm2.conf XDG_DATA_HOME=$work/data BENCH_PIN=1234
+export SOFTHSM2_CONF=$(softhsm_conf "$work") XDG_DATA_HOME=$work/data BENCH_PIN=1234
 softhsm2-util --init-token --free --label bench --so-pin 12345678 --pin $BENCH_PIN >/dev/null
 "$BUILD/bin/nebra_provision" "$SOFTHSM" bench $BENCH_PIN "$COUNT" --keys
 

@@ -6,6 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
 bash scripts/deps.sh
+. scripts/softhsm.sh
 if [ -n "${NEBRA_BIN:-}" ]; then
   NEBRA=$NEBRA_BIN  # an already built tool (the test run uses its own build)
 else
@@ -21,14 +22,13 @@ export NEBRA_DEMO_PIN=${NEBRA_DEMO_PIN:-1234}
 if [ ! -f "$DEMO/.provisioned" ]; then
   echo "Provisioning the demo token in $DEMO"
   rm -rf "$DEMO"
-  mkdir -p "$DEMO/tokens"
+  mkdir -p "$DEMO"
   chmod 700 "$DEMO"
-  printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' \
-    "$DEMO/tokens" > "$SOFTHSM2_CONF"
+  softhsm_conf "$DEMO" >/dev/null
   bash tests/support/make-pki.sh "$DEMO/pki" >/dev/null
   softhsm2-util --init-token --free --label "nebra demo" --so-pin 12345678 \
     --pin "$NEBRA_DEMO_PIN" >/dev/null
-  p11() { pkcs11-tool --module /usr/lib/softhsm/libsofthsm2.so --login --pin "$NEBRA_DEMO_PIN" "$@" >/dev/null 2>&1; }
+  p11() { pkcs11-tool --module "$SOFTHSM" --login --pin "$NEBRA_DEMO_PIN" "$@" >/dev/null 2>&1; }
   p11 --write-object "$DEMO/pki/root.der" --type cert --id 01 --label "Nebra Demo Root"
   p11 --write-object "$DEMO/pki/ca.der" --type cert --id 02 --label "Nebra Demo Issuing CA"
   p11 --write-object "$DEMO/pki/leaf1.der" --type cert --id 10 --label "Alice Signing"

@@ -164,14 +164,21 @@ public:
         return *rc == SQLITE_OK ? id : 0;
     }
 
+    // Binds the store, the SHA-256 of the encoding (into `digest`, which must outlive the step)
+    // and the encoding to parameters 1 to 3: the lookup key of every per-certificate statement.
+    static void bindCertificate(sqlite3_stmt* s, std::int64_t store, const unsigned char* der,
+                                std::size_t size, unsigned char (&digest)[32]) {
+        digestOf(der, size, digest);
+        sqlite3_bind_int64(s, 1, store);
+        sqlite3_bind_blob(s, 2, digest, 32, SQLITE_STATIC);
+        sqlite3_bind_blob(s, 3, der, static_cast<int>(size), SQLITE_STATIC);
+    }
+
     // Row id of the certificate with this encoding in the store; 0 when absent, -1 on failure.
     std::int64_t find(std::int64_t store, const unsigned char* der, std::size_t size) {
         unsigned char digest[32];
-        digestOf(der, size, digest);
         Use u(find_);
-        sqlite3_bind_int64(find_, 1, store);
-        sqlite3_bind_blob(find_, 2, digest, 32, SQLITE_STATIC);
-        sqlite3_bind_blob(find_, 3, der, static_cast<int>(size), SQLITE_STATIC);
+        bindCertificate(find_, store, der, size, digest);
         int rc = sqlite3_step(find_);
         if (rc == SQLITE_ROW) return sqlite3_column_int64(find_, 0);
         if (rc == SQLITE_DONE) return 0;
@@ -183,11 +190,8 @@ public:
     // already there, -1 on failure.
     std::int64_t insert(std::int64_t store, const unsigned char* der, std::size_t size) {
         unsigned char digest[32];
-        digestOf(der, size, digest);
         Use u(insert_);
-        sqlite3_bind_int64(insert_, 1, store);
-        sqlite3_bind_blob(insert_, 2, digest, 32, SQLITE_STATIC);
-        sqlite3_bind_blob(insert_, 3, der, static_cast<int>(size), SQLITE_STATIC);
+        bindCertificate(insert_, store, der, size, digest);
         int rc = sqlite3_step(insert_);
         if (rc == SQLITE_DONE) return sqlite3_last_insert_rowid(h_);
         if ((rc & 0xFF) == SQLITE_CONSTRAINT) return 0;
@@ -200,11 +204,8 @@ public:
     std::int64_t load(std::int64_t store, const unsigned char* der, std::size_t size,
                       Props& props) {
         unsigned char digest[32];
-        digestOf(der, size, digest);
         Use u(load_);
-        sqlite3_bind_int64(load_, 1, store);
-        sqlite3_bind_blob(load_, 2, digest, 32, SQLITE_STATIC);
-        sqlite3_bind_blob(load_, 3, der, static_cast<int>(size), SQLITE_STATIC);
+        bindCertificate(load_, store, der, size, digest);
         std::int64_t id = 0;
         int rc;
         while ((rc = sqlite3_step(load_)) == SQLITE_ROW) {

@@ -13,17 +13,16 @@ cmake --build "$work/consumer" >/dev/null
 PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig" c++ -std=c++17 examples/consumer/main.cpp \
   $(PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig" pkg-config --cflags --libs nebralib) -o "$work/consumer-pc"
 
-mkdir -p "$work/tokens"
-printf 'directories.tokendir = %s\nobjectstore.backend = file\n' "$work/tokens" > "$work/softhsm2.conf"
-export SOFTHSM2_CONF=$work/softhsm2.conf
+. scripts/softhsm.sh
+export SOFTHSM2_CONF=$(softhsm_conf "$work")
 softhsm2-util --init-token --free --label consumer --so-pin 12345678 --pin 1234 >/dev/null
 export LD_LIBRARY_PATH=$work/prefix/lib
-out=$("$work/consumer/consumer" /usr/lib/softhsm/libsofthsm2.so 1234)
+out=$("$work/consumer/consumer" "$SOFTHSM" 1234)
 echo "cmake consumer: $out"
 [ "$out" = "root 0, ca 0, with key 0, other 0" ]
-out=$("$work/consumer-pc" /usr/lib/softhsm/libsofthsm2.so 1234)
+out=$("$work/consumer-pc" "$SOFTHSM" 1234)
 echo "pkg-config consumer: $out"
-if "$work/consumer/consumer" /usr/lib/softhsm/libsofthsm2.so 9999 2>"$work/err"; then
+if "$work/consumer/consumer" "$SOFTHSM" 9999 2>"$work/err"; then
   echo "a wrong PIN was accepted"; exit 1
 fi
 grep -q "Pkcs11Error_CryptokiError" "$work/err"

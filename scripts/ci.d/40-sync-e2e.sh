@@ -4,19 +4,15 @@
 # moments followed by a re-sync to the complete state. Then the README's demo, twice.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
+. scripts/softhsm.sh
 ROOT=$PWD
 BUILD=${NEBRA_BUILD:-$ROOT/build}
 NEBRA=$BUILD/bin/nebra
-SOFTHSM=/usr/lib/softhsm/libsofthsm2.so
 COUNT=${SYNC_COUNT:-1000}
 KILLS=${SYNC_KILLS:-20}
-# SoftHSM2's file store syncs every object it writes: keep tokens in memory where possible.
-if [ -w /dev/shm ]; then work=$(mktemp -d -p /dev/shm); else work=$(mktemp -d); fi
+work=$(scratch_dir)
 trap 'rm -rf "$work"' EXIT
-mkdir -p "$work/tokens"
-printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' "$work/tokens" \
-  > "$work/softhsm2.conf"
-export SOFTHSM2_CONF=$work/softhsm2.conf XDG_DATA_HOME=$work/data E2E_PIN=1234
+export SOFTHSM2_CONF=$(softhsm_conf "$work") XDG_DATA_HOME=$work/data E2E_PIN=1234
 softhsm2-util --init-token --free --label e2e --so-pin 12345678 --pin $E2E_PIN >/dev/null
 "$BUILD/bin/nebra_provision" "$SOFTHSM" e2e $E2E_PIN "$COUNT" --keys
 
@@ -86,14 +82,12 @@ added=$(( $(count added <"$work/a") + $(count added <"$work/b") ))
 [ "$added" -eq "$COUNT" ] || echo "note: concurrent syncs reported $added additions in total"
 
 # A reissued card: a token with other certificates, synced with --prune, leaves only its own.
-rm -rf "$work/tokens2"; mkdir -p "$work/tokens2"
-printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' "$work/tokens2" \
-  > "$work/softhsm2-b.conf"
-SOFTHSM2_CONF=$work/softhsm2-b.conf softhsm2-util --init-token --free --label reissued \
+confB=$(softhsm_conf "$work/reissued")
+SOFTHSM2_CONF=$confB softhsm2-util --init-token --free --label reissued \
   --so-pin 12345678 --pin $E2E_PIN >/dev/null
-SOFTHSM2_CONF=$work/softhsm2-b.conf "$BUILD/bin/nebra_provision" "$SOFTHSM" reissued $E2E_PIN 3 \
+SOFTHSM2_CONF=$confB "$BUILD/bin/nebra_provision" "$SOFTHSM" reissued $E2E_PIN 3 \
   --keys --prefix reissued
-out=$(SOFTHSM2_CONF=$work/softhsm2-b.conf sync --prune)
+out=$(SOFTHSM2_CONF=$confB sync --prune)
 # Its three containers reuse old CKA_IDs with new certificates, so every old certificate is stale.
 [ "$(echo "$out" | count removed)" -eq "$COUNT" ] || fail "prune did not remove the stale certificates"
 [ "$(echo "$out" | count added)" -eq 3 ] || fail "prune run did not add the new certificates"

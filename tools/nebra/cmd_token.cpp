@@ -43,8 +43,9 @@ int run(const Args& args) {
     args.allow({"module", "pin-env", "pin-file", "json"});
     if (!args.has("module")) throw UsageError("--module is required");
     const std::string module = resolveModule(args.get("module"));
-    pkcs11::CkTokenInfo info = firstTokenInfo(module);
     pkcs11::certstoreupdater::Pkcs11Helper helper(module);
+    // Read while the helper holds the module, so it is initialised once, not twice.
+    pkcs11::CkTokenInfo info = firstTokenInfo(module);
     std::string pin = readPin(args);
     helper.login(buffer::Buffer<unsigned char>(reinterpret_cast<const unsigned char*>(pin.data()),
                                                pin.size()));
