@@ -3,13 +3,19 @@
 //
 // Control, either through the environment (read at C_GetFunctionList) or at run time through the
 // exported nebra_fault_* functions:
-//   NEBRA_FAULT_TARGET  path of the real module (default: SoftHSM2)
+//   NEBRA_FAULT_TARGET  path of the real module (default: the SoftHSM2 module of this build)
 //   NEBRA_FAULT         comma-separated rules "C_Name=RV" (every call fails with RV, hex or
 //   decimal),
 //                       "C_Name=RV@N" (only the N-th call from now fails), or "C_GetSlotList=empty"
 //                       (no slot reported)
 //   NEBRA_FAULT_COUNTS  file that receives "C_Name count" lines when the module is finalised
+#ifdef _WIN32
+#include <windows.h>
+#define NEBRA_FAULT_EXPORT __declspec(dllexport)
+#else
 #include <dlfcn.h>
+#define NEBRA_FAULT_EXPORT __attribute__((visibility("default")))
+#endif
 
 #include <cstdio>
 #include <cstdlib>
@@ -140,18 +146,32 @@ CK_RV wGetAttributeValue(CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o, CK_ATTRIBUTE_P
     return gTarget->C_GetAttributeValue(s, o, t, n);
 }
 
+// The real module's C_GetFunctionList, or null.
+CK_C_GetFunctionList loadTarget(const char* path) {
+#ifdef _WIN32
+    std::string p(path);
+    for (char& c : p)
+        if (c == '/') c = '\\';
+    HMODULE h = LoadLibraryA(p.c_str());
+    return h ? reinterpret_cast<CK_C_GetFunctionList>(
+                   reinterpret_cast<void*>(GetProcAddress(h, "C_GetFunctionList")))
+             : nullptr;
+#else
+    void* h = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+    return h ? reinterpret_cast<CK_C_GetFunctionList>(dlsym(h, "C_GetFunctionList")) : nullptr;
+#endif
+}
+
 }  // namespace
 
 extern "C" {
 
-__attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR out) {
+NEBRA_FAULT_EXPORT CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR out) {
     std::lock_guard<std::mutex> lock(gMutex);
     if (!gTarget) {
         const char* target = std::getenv("NEBRA_FAULT_TARGET");
-        if (!target) target = "/usr/lib/softhsm/libsofthsm2.so";
-        void* h = dlopen(target, RTLD_NOW | RTLD_LOCAL);
-        if (!h) return CKR_GENERAL_ERROR;
-        auto get = reinterpret_cast<CK_C_GetFunctionList>(dlsym(h, "C_GetFunctionList"));
+        if (!target) target = NEBRA_FAULT_DEFAULT_TARGET;
+        CK_C_GetFunctionList get = loadTarget(target);
         if (!get || get(&gTarget) != CKR_OK) return CKR_GENERAL_ERROR;
         gList = *gTarget;
         gList.C_Initialize = wInitialize;
@@ -172,13 +192,13 @@ __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUNCTION_LIST_
 }
 
 // Replaces the rules and clears the counters.
-__attribute__((visibility("default"))) void nebra_fault_set(const char* rules) {
+NEBRA_FAULT_EXPORT void nebra_fault_set(const char* rules) {
     std::lock_guard<std::mutex> lock(gMutex);
     parseRules(rules);
     gCounts.clear();
 }
 
-__attribute__((visibility("default"))) long nebra_fault_count(const char* name) {
+NEBRA_FAULT_EXPORT long nebra_fault_count(const char* name) {
     std::lock_guard<std::mutex> lock(gMutex);
     auto it = gCounts.find(name);
     return it == gCounts.end() ? 0 : it->second;

@@ -153,9 +153,26 @@ TEST_F(Session, NotAModule) {
     EXPECT_EQ(nebratest::u8(*e.param(L"MODULE")), dir.file("notes.txt"));
     // A real shared library that is not a Cryptoki module.
     auto e2 = nebratest::expectEvent<pkcs11::Pkcs11Error_CryptokiError>(
-        [&] { Pkcs11Helper helper("libz.so.1"); });
+        [&] { Pkcs11Helper helper(nebratest::kNotACryptokiModule); });
     EXPECT_EQ(e2.line(), 41);
-    EXPECT_EQ(pkcs11::Libraries::instance().loadCount("libz.so.1"), 0);
+    EXPECT_EQ(pkcs11::Libraries::instance().loadCount(nebratest::kNotACryptokiModule), 0);
+}
+
+TEST_F(Session, ModuleInAFolderWithSpacesAndNonAsciiLetters) {
+    hsm.initToken("one", "1234");
+    namespace fs = std::filesystem;
+    nebratest::TempDir dir;
+    fs::path folder = fs::u8path(dir.path()) / fs::u8path(
+                                                   "m\xC3\xB3"
+                                                   "dulo de prueba \xC3\xA9");
+    fs::create_directories(folder);
+    fs::path copy = folder / fs::u8path(SoftHsm::module()).filename();
+    fs::copy_file(fs::u8path(SoftHsm::module()), copy);
+    const std::string path = nebratest::narrowPath(copy);  // the narrow form the loader takes
+    ASSERT_FALSE(path.empty());
+    Pkcs11Helper helper(path);
+    helper.login(pin("1234"));
+    EXPECT_TRUE(helper.getAllCerts()->rootCerts.empty());
 }
 
 TEST_F(Session, TwoHelpersShareOneModuleInstance) {

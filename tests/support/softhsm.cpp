@@ -1,87 +1,195 @@
 #include "support/softhsm.h"
 
-#include <dlfcn.h>
-
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 
 #include "nebralib/asn1/certificate.h"
 
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <dlfcn.h>
+#endif
+
 namespace nebratest {
 
 namespace {
-std::string shellQuote(const std::string& s) {
-    std::string out = "'";
-    for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
 void must(int rc, const std::string& what) {
     if (rc != 0) throw std::runtime_error(what + " failed with " + std::to_string(rc));
 }
+
+void setEnv(const char* name, const std::string& value) {
+#ifdef _WIN32
+    _putenv_s(name, value.c_str());  // the C runtime's copy, which the module reads too
+#else
+    setenv(name, value.c_str(), 1);
+#endif
+}
+
+void unsetEnv(const char* name) {
+#ifdef _WIN32
+    _putenv_s(name, "");
+#else
+    unsetenv(name);
+#endif
+}
+
+// Runs a program with its arguments, output discarded; returns its exit status.
+int runProgram(const std::vector<std::string>& argv) {
+#ifdef _WIN32
+    std::string line;
+    for (const std::string& a : argv) line += (line.empty() ? "\"" : " \"") + a + "\"";
+    SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
+    HANDLE nul =
+        CreateFileA("NUL", GENERIC_WRITE, FILE_SHARE_WRITE, &sa, OPEN_EXISTING, 0, nullptr);
+    STARTUPINFOA si{};
+    si.cb = sizeof si;
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdOutput = si.hStdError = nul;
+    si.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    PROCESS_INFORMATION pi{};
+    BOOL ok =
+        CreateProcessA(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
+    CloseHandle(nul);
+    if (!ok) return -1;
+    WaitForSingleObject(pi.hProcess, INFINITE);
+    DWORD code = 1;
+    GetExitCodeProcess(pi.hProcess, &code);
+    CloseHandle(pi.hProcess);
+    CloseHandle(pi.hThread);
+    return static_cast<int>(code);
+#else
+    std::string cmd;
+    for (const std::string& a : argv) {
+        cmd += cmd.empty() ? "'" : " '";
+        for (char c : a) cmd += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        cmd += "'";
+    }
+    return sh(cmd + " >/dev/null");
+#endif
+}
 }  // namespace
 
+std::string hostPath(const std::string& path) {
+#ifdef _WIN32
+    std::string p = path.size() > 1 && path[0] == '/' ? "Z:" + path : path;  // Wine's drive Z:
+    std::replace(p.begin(), p.end(), '/', '\\');
+    return p;
+#else
+    return path;
+#endif
+}
+
+std::string narrowPath(const std::filesystem::path& p) {
+#ifdef _WIN32
+    const std::wstring w = p.wstring();
+    BOOL lossy = FALSE;
+    int n = WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, w.c_str(), -1, nullptr, 0, nullptr,
+                                &lossy);
+    if (n <= 0 || lossy) return "";
+    std::string out(static_cast<std::size_t>(n), '\0');
+    WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, w.c_str(), -1, &out[0], n, nullptr, nullptr);
+    out.resize(static_cast<std::size_t>(n - 1));
+    return out;
+#else
+    return p.u8string();
+#endif
+}
+
+#ifdef _WIN32
+const char* const kNotACryptokiModule = "kernel32.dll";
+#else
+const char* const kNotACryptokiModule = "libz.so.1";
+#endif
+
 SoftHsm::SoftHsm() {
-    sh("mkdir -p " + shellQuote(dir_.file("tokens")));
-    conf_ = dir_.file("softhsm2.conf");
-    writeFile(conf_, "directories.tokendir = " + dir_.file("tokens") +
+    std::string tokens = hostPath(dir_.file("tokens"));
+    std::filesystem::create_directories(tokens);
+    conf_ = hostPath(dir_.file("softhsm2.conf"));
+    writeFile(conf_, "directories.tokendir = " + tokens +
                          "\nobjectstore.backend = file\nlog.level = ERROR\n");
     if (const char* prev = std::getenv("SOFTHSM2_CONF")) {
-        hadPreviousConf_ = true;
+        hadPreviousConf_ = *prev != 0;
         previousConf_ = prev;
     }
-    setenv("SOFTHSM2_CONF", conf_.c_str(), 1);
+    setEnv("SOFTHSM2_CONF", conf_);
 }
 
 SoftHsm::~SoftHsm() {
     if (hadPreviousConf_)
-        setenv("SOFTHSM2_CONF", previousConf_.c_str(), 1);
+        setEnv("SOFTHSM2_CONF", previousConf_);
     else
-        unsetenv("SOFTHSM2_CONF");
+        unsetEnv("SOFTHSM2_CONF");
 }
 
 std::string SoftHsm::module() {
-    return "/usr/lib/softhsm/libsofthsm2.so";
+    return hostPath(NEBRA_SOFTHSM_MODULE);
 }
 std::string SoftHsm::faultModule() {
-    return std::string(NEBRA_BINARY_DIR) + "/lib/libnebra_faultp11.so";
+    return hostPath(NEBRA_FAULT_MODULE);
 }
 
 namespace {
 // The fault module stays loaded for the whole test process, so that rules and counters survive
 // the loads and unloads that the code under test does.
-void* faultHandle() {
+void* faultSymbol(const char* name) {
+#ifdef _WIN32
+    static HMODULE h = [] {
+        HMODULE p = LoadLibraryA(SoftHsm::faultModule().c_str());
+        if (!p) throw std::runtime_error("cannot load the fault module " + SoftHsm::faultModule());
+        return p;
+    }();
+    return reinterpret_cast<void*>(GetProcAddress(h, name));
+#else
     static void* h = [] {
         void* p = dlopen(SoftHsm::faultModule().c_str(), RTLD_NOW | RTLD_LOCAL);
         if (!p) throw std::runtime_error("cannot load the fault module: " + std::string(dlerror()));
         return p;
     }();
-    return h;
+    return dlsym(h, name);
+#endif
 }
 }  // namespace
 
 void SoftHsm::setFaults(const std::string& rules) {
-    auto set = reinterpret_cast<void (*)(const char*)>(dlsym(faultHandle(), "nebra_fault_set"));
-    set(rules.c_str());
+    reinterpret_cast<void (*)(const char*)>(faultSymbol("nebra_fault_set"))(rules.c_str());
 }
 
 long SoftHsm::faultCount(const char* function) {
-    auto count = reinterpret_cast<long (*)(const char*)>(dlsym(faultHandle(), "nebra_fault_count"));
-    return count(function);
+    return reinterpret_cast<long (*)(const char*)>(faultSymbol("nebra_fault_count"))(function);
 }
 
 void SoftHsm::initToken(const std::string& label, const std::string& pin,
                         const std::string& soPin) {
-    must(sh("softhsm2-util --init-token --free --label " + shellQuote(label) + " --so-pin " +
-            shellQuote(soPin) + " --pin " + shellQuote(pin) + " >/dev/null"),
+    must(runProgram({hostPath(NEBRA_SOFTHSM_UTIL), "--init-token", "--free", "--label", label,
+                     "--so-pin", soPin, "--pin", pin}),
          "softhsm2-util --init-token");
 }
 
 void SoftHsm::initTokenWithoutUserPin(const std::string& label, const std::string& soPin) {
-    // pkcs11-tool initialises the token (SO PIN) and, without --init-pin, leaves the user PIN
+    // C_InitToken on the free slot sets the SO PIN only; without C_InitPIN the user PIN stays
     // unset.
-    must(sh("pkcs11-tool --module " + module() + " --init-token --label " + shellQuote(label) +
-            " --so-pin " + shellQuote(soPin) + " >/dev/null 2>&1"),
-         "pkcs11-tool --init-token");
+    pkcs11::CkLibrary lib = pkcs11::Libraries::instance().load(module());
+    struct Unload {
+        pkcs11::CkLibrary& lib;
+        ~Unload() { pkcs11::Libraries::instance().unload(lib); }
+    } unload{lib};
+    CK_UTF8CHAR padded[32];
+    std::memset(padded, ' ', sizeof padded);
+    std::memcpy(padded, label.data(), std::min(label.size(), sizeof padded));
+    pkcs11::CkSlots slots(lib, false);
+    for (const auto& slot : slots.entries()) {
+        if (pkcs11::CkToken(slot).info().flags & CKF_TOKEN_INITIALIZED) continue;
+        CK_RV rv = lib.functions()->C_InitToken(
+            slot.id, reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(soPin.data())),
+            static_cast<CK_ULONG>(soPin.size()), padded);
+        must(static_cast<int>(rv), "C_InitToken");
+        return;
+    }
+    throw std::runtime_error("no free slot for " + label);
 }
 
 TokenWriter::TokenWriter(const std::string& module, const std::string& tokenLabel,
@@ -161,13 +269,7 @@ void TokenWriter::addKeyPair(const std::string& id, const std::string& label) {
 }
 
 std::string pkiDir() {
-    static std::string dir = [] {
-        std::string d = std::string(NEBRA_BINARY_DIR) + "/test-pki";
-        must(sh(std::string("bash ") + NEBRA_SOURCE_DIR + "/tests/support/make-pki.sh " + d),
-             "make-pki.sh");
-        return d;
-    }();
-    return dir;
+    return hostPath(std::string(NEBRA_BINARY_DIR) + "/test-pki");  // made by the build
 }
 
 buffer::Buffer<unsigned char> pkiCert(const std::string& name) {

@@ -2,6 +2,7 @@
 // temp dir, so the machine's default token store is never touched.
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -26,7 +27,6 @@ public:
                    const std::string& soPin = "12345678");
     // Initialises a token with only an SO PIN (user PIN not initialised).
     void initTokenWithoutUserPin(const std::string& label, const std::string& soPin = "12345678");
-    // Logs in with the SO PIN several times wrongly until the module reports the PIN locked.
     const std::string& dir() const { return dir_.path(); }
     const std::string& conf() const { return conf_; }
 
@@ -54,7 +54,16 @@ private:
     std::unique_ptr<pkcs11::CkSession> session_;
 };
 
-// The throwaway PKI of make-pki.sh, created once per test process.
+// A build-time path as this program names it (under Wine: on drive Z:, with backslashes).
+std::string hostPath(const std::string& path);
+
+// A file name as the platform's narrow calls take it: UTF-8 on Linux, the ANSI code page on
+// Windows; "" when a character cannot be expressed there.
+std::string narrowPath(const std::filesystem::path& p);
+// A system library that loads but is not a Cryptoki module.
+extern const char* const kNotACryptokiModule;
+
+// The throwaway PKI of make-pki.sh, made by the build.
 std::string pkiDir();
 buffer::Buffer<unsigned char> pkiCert(const std::string& name);
 
