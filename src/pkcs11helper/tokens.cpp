@@ -1,6 +1,7 @@
 // Token identity, its stored byte layout, and PKCS#11 URIs (RFC 7512).
 #include "nebralib/tokens.h"
 
+#include <algorithm>
 #include <cctype>
 
 #include "nebralib/buffer/codecs.h"
@@ -56,6 +57,18 @@ std::string decode(const std::string& uri, const std::string& v, const char* for
         }
     }
     return out;
+}
+
+// Strict UTF-8: the codec reads some malformed sequences leniently, so a text counts as UTF-8
+// only when it encodes back to the same bytes.
+bool strictUtf8(const unsigned char* p, std::size_t n, std::wstring& out) {
+    try {
+        out = buffer::Utf8Decoder::decode(p, n).str();
+    } catch (const buffer::BufferError&) {
+        return false;
+    }
+    buffer::Buffer<unsigned char> back = buffer::Utf8Encoder::encode(out);
+    return back.size() == n && std::equal(p, p + n, back.data());
 }
 
 bool isVendor(const std::string& name) {
@@ -127,11 +140,7 @@ bool decodeTokenIdentities(const unsigned char* bytes, std::size_t size,
     auto field = [&](std::wstring& text) {
         if (pos >= size || size - pos - 1 < bytes[pos]) return false;
         std::size_t n = bytes[pos++];
-        try {
-            text = buffer::Utf8Decoder::decode(bytes + pos, n).str();
-        } catch (const buffer::BufferError&) {
-            return false;
-        }
+        if (!strictUtf8(bytes + pos, n, text)) return false;
         pos += n;
         return true;
     };
@@ -190,14 +199,9 @@ Pkcs11Uri Pkcs11Uri::parse(const std::string& text) {
             invalid(text, "the attribute '" + name +
                               "' does not choose a token (use token, serial, manufacturer, model)");
         if (uri.path_.count(name)) invalid(text, "the attribute '" + name + "' appears twice");
-        try {
-            uri.path_[name] =
-                buffer::Utf8Decoder::decode(reinterpret_cast<const unsigned char*>(value.data()),
-                                            value.size())
-                    .str();
-        } catch (const buffer::BufferError&) {
+        if (!strictUtf8(reinterpret_cast<const unsigned char*>(value.data()), value.size(),
+                        uri.path_[name]))
             invalid(text, "the value of '" + name + "' is not UTF-8");
-        }
     });
     each(query, '&', "", [&](const std::string& name, const std::string& value) {
         if (isVendor(name)) return;
