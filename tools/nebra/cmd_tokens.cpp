@@ -36,6 +36,7 @@ int run(const Args& args) {
         TokenIdentity id = TokenIdentity::of(info);
         if (choice.byUri && !choice.uri.matches(id)) continue;
         bool login = (info.flags & CKF_LOGIN_REQUIRED) != 0;
+        bool initialized = (info.flags & CKF_TOKEN_INITIALIZED) != 0;
         bool pinPad = (info.flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0;
         if (json) {
             std::cout << sep << "{\"uri\":" << jsonString(id.uri())
@@ -44,7 +45,8 @@ int run(const Args& args) {
                       << ",\"model\":" << jsonString(utf8(id.model))
                       << ",\"serial\":" << jsonString(utf8(id.serial))
                       << ",\"loginRequired\":" << (login ? "true" : "false")
-                      << ",\"pinPad\":" << (pinPad ? "true" : "false") << "}";
+                      << ",\"pinPad\":" << (pinPad ? "true" : "false")
+                      << ",\"initialized\":" << (initialized ? "true" : "false") << "}";
             sep = ",";
             continue;
         }
@@ -53,7 +55,7 @@ int run(const Args& args) {
                   << utf8(id.serial) << ", "
                   << (login ? (pinPad ? "login on the reader's PIN pad" : "login with a PIN")
                             : "no login needed")
-                  << "\n";
+                  << (initialized ? "" : ", not initialised") << "\n";
     }
     if (json) std::cout << "]\n";
     if (!json && slots.empty()) std::cerr << "nebra: no token is present\n";
