@@ -176,6 +176,28 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
         const std::string& text = run.status ? r.err : r.out;
         EXPECT_NE(text.find(run.text), std::string::npos) << run.args << "\n" << text;
     }
+
+    // A reader with a PIN pad (the fault module's): logged in without a PIN, the user told to
+    // use the keypad; --no-pin-pad for a reader that only claims one asks for the PIN instead.
+    setenv("NEBRA_FAULT", "PINPAD=1234", 1);
+    const std::string pad = "--module " + nebratest::SoftHsm::faultModule();
+    r = nebra("tokens " + pad);
+    EXPECT_NE(r.out.find("token=cardA\n  label cardA, manufacturer SoftHSM project, model SoftHSM "
+                         "v2, serial "),
+              std::string::npos);
+    EXPECT_NE(r.out.find("login on the reader's PIN pad"), std::string::npos) << r.out;
+    const std::string padA =
+        "--module 'pkcs11:token=cardA?module-path=" + nebratest::SoftHsm::faultModule() + "'";
+    r = nebra("token " + padA);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("cardA user1"), std::string::npos) << r.out;
+    EXPECT_NE(r.err.find("Enter the PIN of token \"cardA\" on the reader's keypad"),
+              std::string::npos)
+        << r.err;
+    r = nebra("token --no-pin-pad --pin-env BADPIN " + padA);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("CKR_PIN_INCORRECT"), std::string::npos) << r.err;
+    unsetenv("NEBRA_FAULT");
 }
 
 }  // namespace
