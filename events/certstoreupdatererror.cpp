@@ -18,6 +18,9 @@ NEBRA_IMPLEMENT_EVENT(CertStoreUpdaterError_DeleteCertificateFailed)
 NEBRA_IMPLEMENT_EVENT(CertStoreUpdaterError_GetCspNameFailed)
 NEBRA_IMPLEMENT_EVENT(CertStoreUpdaterError_InvalidFileSignature)
 NEBRA_IMPLEMENT_EVENT(CertStoreUpdaterError_InvalidConfiguration)
+NEBRA_IMPLEMENT_EVENT(CertStoreUpdaterError_InvalidPkcs11Uri)
+NEBRA_IMPLEMENT_EVENT(CertStoreUpdaterError_TokenNotFound)
+NEBRA_IMPLEMENT_EVENT(CertStoreUpdaterError_SetTokenIdentityFailed)
 
 }  // namespace certstoreupdater
 

@@ -49,6 +49,13 @@ CkSlots::CkSlots(const CkLibrary& library, bool tokenPresent) {
 
 CkSlots::~CkSlots() = default;
 
+void CkSlots::retain(const std::function<bool(const CkSlot&)>& keep) {
+    std::vector<CkSlot> kept;
+    for (const CkSlot& s : slots_)
+        if (keep(s)) kept.push_back(s);
+    slots_.swap(kept);
+}
+
 CkTokenInfo CkToken::info() const {
     CK_TOKEN_INFO raw;
     std::memset(&raw, 0, sizeof raw);
@@ -90,6 +97,10 @@ void CkSession::login(CK_USER_TYPE userType, buffer::BufferRange<unsigned char> 
     // application is already logged in to is logged in as well.
     if (rv == CKR_USER_ALREADY_LOGGED_IN) return;
     check(rv, sites::kLogin);
+}
+
+void CkSession::loginProtected(CK_USER_TYPE userType) {
+    check(functions()->C_Login(handle_, userType, nullptr, 0), sites::kLogin);
 }
 
 void CkSession::close() {

@@ -16,6 +16,7 @@
 #include "nebralib/buffer/buffer.h"
 #include "nebralib/certitem.h"
 #include "nebralib/export.h"
+#include "nebralib/tokens.h"
 
 namespace pkcs11 {
 namespace certstoreupdater {
@@ -84,7 +85,33 @@ public:
     // `requireKeyProvInfo`, certificates without key provider information are left out.
     std::unique_ptr<CertMap> listCertsByCsp(const std::wstring& csp, bool requireKeyProvInfo) const;
 
+    // Beside the operations above: the tokens a certificate was written from, recorded in the
+    // property kTokenIdentityPropId (layout in nebralib/tokens.h) next to the CSP reference.
+    // Certificates written without it (before tokens were recorded, or through the operations
+    // above alone) carry none: they belong to no token and are never touched by token-scoped
+    // pruning or removal.
+    struct TokenCertificate {
+        std::wstring container;  // first line of the CSP reference
+        asn1::Certificate certificate;
+        std::vector<TokenIdentity> tokens;  // empty when none is recorded or it does not decode
+    };
+    // Adds `token` to the identities recorded on this certificate of the store, unless it is
+    // there already. False when the certificate is not in the store. Raises
+    // CertStoreUpdaterError_SetTokenIdentityFailed when the property cannot be written.
+    bool recordTokenIdentity(const asn1::Certificate& cert, const TokenIdentity& token);
+    // Every certificate whose CSP reference names `csp` (any CSP when empty), in store order,
+    // with its container and recorded tokens; unlike listCertsByCsp, one container may appear
+    // several times (two tokens using the same key identifiers).
+    std::vector<TokenCertificate> listTokenCertificates(const std::wstring& csp) const;
+    // Takes `token` off this certificate's recorded identities; when none is left, the
+    // certificate is deleted (deleteCertificate). A certificate that does not record `token` is
+    // left as it is.
+    enum class Release { NotRecorded, Unlinked, Deleted };
+    Release releaseTokenCertificate(const asn1::Certificate& cert, const TokenIdentity& token);
+
 private:
+    // The decoded token identities of a context (empty when absent or undecodable).
+    std::vector<TokenIdentity> tokenIdentities(const void* ctx) const;
     // Reads property `propId` of a context of this store into `value`: false when absent;
     // raises CertStoreUpdaterError_GetCertContextPropertyFailed when present but unreadable.
     bool getCertContextProperty(const void* ctx, std::uint32_t propId,

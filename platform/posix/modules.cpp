@@ -28,5 +28,18 @@ std::string findRegisteredModule(const std::string& name) {
     return found;
 }
 
+std::vector<std::string> registeredModuleNames() {
+    std::vector<std::string> names;
+    CK_FUNCTION_LIST** list = p11_kit_modules_load(nullptr, P11_KIT_MODULE_UNMANAGED);
+    if (!list) return names;
+    for (CK_FUNCTION_LIST** m = list; *m; ++m) {
+        char* modName = p11_kit_module_get_name(*m);
+        if (modName) names.push_back(modName);
+        std::free(modName);
+    }
+    p11_kit_modules_release(list);
+    return names;
+}
+
 }  // namespace modules
 }  // namespace platform

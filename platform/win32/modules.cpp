@@ -8,5 +8,9 @@ std::string findRegisteredModule(const std::string&) {
     return "";
 }
 
+std::vector<std::string> registeredModuleNames() {
+    return {};
+}
+
 }  // namespace modules
 }  // namespace platform

@@ -408,5 +408,87 @@ std::unique_ptr<CertMap> CertStoreHelper::listCertsByCsp(const std::wstring& csp
     return result;
 }
 
+// --- token identities ----------------------------------------------------------------------
+
+constexpr int kLineSetTokenIdentity = 610;
+
+std::vector<TokenIdentity> CertStoreHelper::tokenIdentities(const void* ctx) const {
+    std::vector<TokenIdentity> tokens;
+    buffer::Buffer<unsigned char> value;
+    if (!getCertContextProperty(ctx, kTokenIdentityPropId, value) ||
+        !decodeTokenIdentities(value.data(), value.size(), tokens))
+        tokens.clear();
+    return tokens;
+}
+
+bool CertStoreHelper::recordTokenIdentity(const asn1::Certificate& cert,
+                                          const TokenIdentity& token) {
+    cs::Api& api = cs::api();
+    ContextGuard temporary(api, temporaryContext(api, cert));
+    if (!temporary.get()) return false;
+    ContextGuard found(api, api.findExisting(store, temporary.get()));
+    if (!found.get()) return false;
+    std::vector<TokenIdentity> tokens = tokenIdentities(found.get());
+    for (const TokenIdentity& t : tokens)
+        if (t == token) return true;
+    tokens.push_back(token);
+    buffer::Buffer<unsigned char> bytes = encodeTokenIdentities(tokens);
+    if (!api.setProperty(found.get(), kTokenIdentityPropId, bytes.data(), bytes.size()))
+        throw CertStoreUpdaterError_SetTokenIdentityFailed(sourceFile(), kLineSetTokenIdentity);
+    return true;
+}
+
+std::vector<CertStoreHelper::TokenCertificate> CertStoreHelper::listTokenCertificates(
+    const std::wstring& csp) const {
+    cs::Api& api = cs::api();
+    std::vector<TokenCertificate> result;
+    ContextGuard cursor(api, api.enumCertificates(store, nullptr));
+    while (cursor.get()) {
+        cs::Cert ctx = cursor.get();
+        buffer::Buffer<unsigned char> value;
+        if (getCertContextProperty(ctx, kCspReferencePropId, value)) {
+            CspReference ref = parseCspReference(value);
+            if (csp.empty() || csp == ref.csp) {
+                std::size_t size = 0;
+                const unsigned char* der = api.encoded(ctx, &size);
+                result.push_back({ref.container,
+                                  asn1::Certificate(buffer::Buffer<unsigned char>(der, size)),
+                                  tokenIdentities(ctx)});
+            }
+        }
+        cursor.replace(api.enumCertificates(store, ctx));
+    }
+    return result;
+}
+
+CertStoreHelper::Release CertStoreHelper::releaseTokenCertificate(const asn1::Certificate& cert,
+                                                                  const TokenIdentity& token) {
+    cs::Api& api = cs::api();
+    std::vector<TokenIdentity> rest;
+    bool recorded = false;
+    {
+        ContextGuard temporary(api, temporaryContext(api, cert));
+        if (!temporary.get()) return Release::NotRecorded;
+        ContextGuard found(api, api.findExisting(store, temporary.get()));
+        if (!found.get()) return Release::NotRecorded;
+        for (TokenIdentity& t : tokenIdentities(found.get())) {
+            if (t == token)
+                recorded = true;
+            else
+                rest.push_back(std::move(t));
+        }
+        if (!recorded) return Release::NotRecorded;
+        if (!rest.empty()) {
+            buffer::Buffer<unsigned char> bytes = encodeTokenIdentities(rest);
+            if (!api.setProperty(found.get(), kTokenIdentityPropId, bytes.data(), bytes.size()))
+                throw CertStoreUpdaterError_SetTokenIdentityFailed(sourceFile(),
+                                                                   kLineSetTokenIdentity);
+            return Release::Unlinked;
+        }
+    }
+    deleteCertificate(cert);
+    return Release::Deleted;
+}
+
 }  // namespace certstoreupdater
 }  // namespace pkcs11

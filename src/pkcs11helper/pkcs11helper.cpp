@@ -1,5 +1,7 @@
 #include "nebralib/pkcs11helper.h"
 
+#include "nebralib/buffer/codecs.h"
+
 namespace pkcs11 {
 namespace certstoreupdater {
 
@@ -7,6 +9,7 @@ namespace {
 constexpr const wchar_t* kSource = L"src\\pkcs11helper";
 constexpr int kLineTokenNotPresent = 42;
 constexpr int kLineTokenNotInitialized = 59;
+constexpr int kLineTokenNotFound = 140;
 
 // Closes a session that is being given up; events are dropped so the first error stands.
 void closeQuietly(CkSession& s) {
@@ -17,27 +20,54 @@ void closeQuietly(CkSession& s) {
         }
     }
 }
+// Until a constructor completes, a failure must not leave the module loaded.
+struct UnloadGuard {
+    const CkLibrary& lib;
+    bool armed = true;
+    ~UnloadGuard() {
+        if (!armed) return;
+        try {
+            Libraries::instance().unload(lib);
+        } catch (...) {
+        }
+    }
+};
 }  // namespace
 
 Pkcs11Helper::Pkcs11Helper(const std::string& libraryPath)
     : library(Libraries::instance().load(libraryPath)) {
-    // Until the constructor completes, a failure must not leave the module loaded.
-    struct UnloadGuard {
-        const CkLibrary& lib;
-        bool armed = true;
-        ~UnloadGuard() {
-            if (!armed) return;
-            try {
-                Libraries::instance().unload(lib);
-            } catch (...) {
-            }
-        }
-    } guard{library};
+    UnloadGuard guard{library};
     slots.reset(new CkSlots(library, true));
     if (slots->empty())
         throw CertStoreUpdaterError_TokenNotPresent(buffer::Buffer<wchar_t>(kSource),
                                                     kLineTokenNotPresent);
     guard.armed = false;
+}
+
+Pkcs11Helper::Pkcs11Helper(const std::string& libraryPath, const Pkcs11Uri& token)
+    : library(Libraries::instance().load(libraryPath)) {
+    UnloadGuard guard{library};
+    slots.reset(new CkSlots(library, true));
+    if (slots->empty())
+        throw CertStoreUpdaterError_TokenNotPresent(buffer::Buffer<wchar_t>(kSource),
+                                                    kLineTokenNotPresent);
+    std::wstring present;
+    slots->retain([&](const CkSlot& slot) {
+        TokenIdentity id = TokenIdentity::of(CkToken(slot).info());
+        if (token.matches(id)) return true;
+        present += (present.empty() ? L"" : L" ") + buffer::fromUtf8(id.uri());
+        return false;
+    });
+    if (slots->empty())
+        throw CertStoreUpdaterError_TokenNotFound(buffer::Buffer<wchar_t>(kSource),
+                                                  kLineTokenNotFound)
+            .setParam(L"URI", buffer::Buffer<wchar_t>(buffer::fromUtf8(token.text())))
+            .setParam(L"TOKENS", buffer::Buffer<wchar_t>(present));
+    guard.armed = false;
+}
+
+CkTokenInfo Pkcs11Helper::tokenInfo() const {
+    return CkToken((*slots)[0]).info();
 }
 
 Pkcs11Helper::~Pkcs11Helper() {
@@ -56,6 +86,14 @@ Pkcs11Helper::~Pkcs11Helper() {
 }
 
 void Pkcs11Helper::login(const buffer::Buffer<unsigned char>& pin) {
+    openSession(&pin);
+}
+
+void Pkcs11Helper::loginProtected() {
+    openSession(nullptr);
+}
+
+void Pkcs11Helper::openSession(const buffer::Buffer<unsigned char>* pin) {
     const CkSlot& slot = (*slots)[0];  // always the first reported slot
     CkTokenInfo info = CkToken(slot).info();
     if (!(info.flags & CKF_USER_PIN_INITIALIZED))
@@ -68,7 +106,10 @@ void Pkcs11Helper::login(const buffer::Buffer<unsigned char>& pin) {
         session.reset();
     }
     session = std::move(fresh);
-    session->login(CKU_USER, buffer::BufferRange<unsigned char>(pin));
+    if (pin)
+        session->login(CKU_USER, buffer::BufferRange<unsigned char>(*pin));
+    else
+        session->loginProtected(CKU_USER);
 }
 
 }  // namespace certstoreupdater

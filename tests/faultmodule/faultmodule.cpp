@@ -7,7 +7,10 @@
 //   NEBRA_FAULT         comma-separated rules "C_Name=RV" (every call fails with RV, hex or
 //   decimal),
 //                       "C_Name=RV@N" (only the N-th call from now fails), or "C_GetSlotList=empty"
-//                       (no slot reported)
+//                       (no slot reported), and "PINPAD=PIN": every token claims a PIN pad
+//                       (CKF_PROTECTED_AUTHENTICATION_PATH in C_GetTokenInfo) and a C_Login
+//                       without a PIN (null, length 0) logs in with PIN, as if typed on the
+//                       reader's keypad; a C_Login with a PIN is forwarded as it is
 //   NEBRA_FAULT_COUNTS  file that receives "C_Name count" lines when the module is finalised
 #ifdef _WIN32
 #include <windows.h>
@@ -37,11 +40,13 @@ struct Rule {
 std::mutex gMutex;
 std::map<std::string, Rule> gRules;
 std::map<std::string, long> gCounts;
+std::string gPinPad;  // the PIN the "keypad" enters; empty: no PIN pad
 CK_FUNCTION_LIST* gTarget = nullptr;
 CK_FUNCTION_LIST gList;
 
 void parseRules(const char* rules) {
     gRules.clear();
+    gPinPad.clear();
     if (!rules) return;
     std::string s(rules);
     std::size_t pos = 0;
@@ -54,6 +59,10 @@ void parseRules(const char* rules) {
         if (eq == std::string::npos) continue;
         Rule r;
         std::string name = item.substr(0, eq), value = item.substr(eq + 1);
+        if (name == "PINPAD") {
+            gPinPad = value;
+            continue;
+        }
         if (value == "empty") {
             r.emptySlots = true;
         } else {
@@ -112,7 +121,10 @@ CK_RV wGetSlotList(CK_BBOOL present, CK_SLOT_ID_PTR list, CK_ULONG_PTR count) {
 }
 CK_RV wGetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
     if (CK_RV rv = fault("C_GetTokenInfo")) return rv;
-    return gTarget->C_GetTokenInfo(slot, info);
+    CK_RV rv = gTarget->C_GetTokenInfo(slot, info);
+    std::lock_guard<std::mutex> lock(gMutex);
+    if (rv == CKR_OK && !gPinPad.empty()) info->flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
+    return rv;
 }
 CK_RV wOpenSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR app, CK_NOTIFY notify,
                    CK_SESSION_HANDLE_PTR session) {
@@ -126,6 +138,14 @@ CK_RV wCloseSession(CK_SESSION_HANDLE s) {
 }
 CK_RV wLogin(CK_SESSION_HANDLE s, CK_USER_TYPE user, CK_UTF8CHAR_PTR pin, CK_ULONG len) {
     if (CK_RV rv = fault("C_Login")) return rv;
+    std::string keypad;
+    {
+        std::lock_guard<std::mutex> lock(gMutex);
+        keypad = gPinPad;
+    }
+    if (!pin && len == 0 && !keypad.empty())
+        return gTarget->C_Login(s, user, reinterpret_cast<CK_UTF8CHAR_PTR>(&keypad[0]),
+                                static_cast<CK_ULONG>(keypad.size()));
     return gTarget->C_Login(s, user, pin, len);
 }
 CK_RV wFindObjectsInit(CK_SESSION_HANDLE s, CK_ATTRIBUTE_PTR t, CK_ULONG n) {

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "platform/console.h"
+#include "tools/nebra/messages.h"
 
 namespace nebra {
 
@@ -121,6 +122,8 @@ std::string jsonString(const std::string& s) {
 }
 
 void printEvent(const orvo::GenericEvent& e) {
+    std::string sentence = explain(e);
+    if (!sentence.empty()) std::cerr << sentence << "\n";
     std::cerr << "error: " << e.what() << " (" << utf8(e.file()) << ":" << e.line() << ")";
     for (const auto& p : e.params()) std::cerr << " " << utf8(p.first) << "=" << utf8(p.second);
     std::cerr << "\n";

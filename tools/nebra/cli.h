@@ -52,7 +52,8 @@ std::string utf8(const buffer::Buffer<wchar_t>& b);
 std::string utf8(const std::wstring& s);
 std::wstring wideFromUtf8(const std::string& s);
 std::string jsonString(const std::string& utf8Text);
-// Prints an event as "error: NAME (source:line) KEY=value ..." on stderr.
+// Prints on stderr a sentence on what went wrong (when there is one), then the event as
+// "error: NAME (source:line) KEY=value ...".
 void printEvent(const orvo::GenericEvent& e);
 
 // Reads a PIN from --pin-env VAR, --pin-file FILE, or an interactive prompt without echo.

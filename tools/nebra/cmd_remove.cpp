@@ -1,12 +1,14 @@
-// nebra remove: deletes every certificate this library bound to a key provider from a store.
+// nebra remove: deletes the certificates this library bound to a key provider from a store; all of
+// them, or only those recorded for the tokens a PKCS#11 URI names.
 #include <iostream>
 
 #include "tools/nebra/storecmd.h"
+#include "tools/nebra/syncer.h"
 
 namespace {
 
 const char kUsage[] =
-    "usage: nebra remove --csp NAME [--store MY] [--check-key-info]\n"
+    "usage: nebra remove --csp NAME [--store MY] [--check-key-info] [--token URI] [--verbose]\n"
     "\n"
     "Deletes from a certificate store of the current user every certificate that this library\n"
     "bound to the key provider NAME (recognised by its own CSP reference property). Other\n"
@@ -15,22 +17,51 @@ const char kUsage[] =
     "  --csp NAME        the provider (exact, case-sensitive); required\n"
     "  --store NAME      the store (default MY)\n"
     "  --check-key-info  delete only those whose key provider information names NAME too\n"
+    "  --token URI       only the certificates recorded for the tokens this PKCS#11 URI names\n"
+    "                    (e.g. 'pkcs11:token=cardA;serial=0123'); the token need not be present.\n"
+    "                    A certificate that another token records too stays, for that token.\n"
+    "  --verbose         log each certificate removed on stderr\n"
     "\n"
     "Exit status: 0 on success (also when there was nothing to delete), 1 on an error, 2 on bad\n"
     "usage.\n";
 
 int run(const nebra::Args& args) {
-    args.allow({"csp", "store", "check-key-info"});
+    args.allow({"csp", "store", "check-key-info", "token", "verbose"});
     if (!args.positional().empty())
         throw nebra::UsageError("unexpected argument " + args.positional()[0]);
     std::wstring csp = nebra::requiredCsp(args);
     std::wstring store = nebra::storeName(args);
+    if (args.has("token")) {
+        if (args.flag("check-key-info"))
+            throw nebra::UsageError("--check-key-info and --token exclude each other");
+        auto uri = pkcs11::certstoreupdater::Pkcs11Uri::parse(args.get("token"));
+        nebra::SyncOptions o;
+        o.csp = csp;
+        o.verbose = args.flag("verbose") ? &std::cerr : nullptr;
+        nebra::openStore(args);  // a store that cannot be opened is explained here
+        nebra::StoreResult r = nebra::releaseTokens(
+            o, {nebra::utf8(store), "", false},
+            [&](const pkcs11::certstoreupdater::TokenIdentity& t) { return uri.matches(t); });
+        std::cout << "Removed " << r.removed.size() << " certificates of the tokens matching "
+                  << args.get("token") << " from store '" << nebra::utf8(store) << "'";
+        if (!r.unlinked.empty())
+            std::cout << "; kept " << r.unlinked.size() << " that another token has too";
+        std::cout << ".\n";
+        return 0;
+    }
     auto helper = nebra::openStore(args);
-    std::size_t before = helper->listCertsByCsp(csp, false)->size();
+    std::size_t containers = helper->listCertsByCsp(csp, false)->size();
+    auto before = helper->listTokenCertificates(csp);
     helper->deleteCspCertificates(csp, args.flag("check-key-info"));
     std::size_t after = helper->listCertsByCsp(csp, false)->size();
+    if (args.flag("verbose")) {
+        for (const auto& tc : before)
+            if (!helper->findCertificate(tc.certificate))
+                std::cerr << nebra::utf8(store) << ": removed " << nebra::utf8(tc.container) << "  "
+                          << nebra::utf8(tc.certificate.subject().displayName()) << "\n";
+    }
     std::cout << "Removed the certificates bound to '" << nebra::utf8(csp) << "' from store '"
-              << nebra::utf8(store) << "' (containers: " << before << " before, " << after
+              << nebra::utf8(store) << "' (containers: " << containers << " before, " << after
               << " now).\n";
     return 0;
 }
@@ -39,6 +70,6 @@ nebra::Registrar reg({"remove",
                       "delete the certificates bound to a key provider from a store",
                       kUsage,
                       run,
-                      {"csp", "store"}});
+                      {"csp", "store", "token"}});
 
 }  // namespace

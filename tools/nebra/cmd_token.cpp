@@ -7,13 +7,16 @@ namespace nebra {
 namespace {
 
 const char* kUsage =
-    "usage: nebra token --module PATH_OR_NAME [--pin-env VAR | --pin-file FILE] [--json]\n"
+    "usage: nebra token --module PATH_OR_NAME_OR_URI [--pin-env VAR | --pin-file FILE] [--json]\n"
     "\n"
-    "Logs in to the token in the module's first slot and prints its certificates, sorted into\n"
-    "root, CA, with-private-key and other certificates, with key, label, subject and issuer.\n"
+    "Logs in to the token (the module's first, or the one a PKCS#11 URI chooses) and prints its\n"
+    "certificates, sorted into root, CA, with-private-key and other certificates, with key,\n"
+    "label, subject and issuer.\n"
     "\n"
-    "  --module PATH_OR_NAME  PKCS#11 module file, or the name of a module registered with "
-    "p11-kit\n"
+    "  --module PATH_OR_NAME_OR_URI  PKCS#11 module file, the name of a module registered with\n"
+    "                         p11-kit, or a PKCS#11 URI such as\n"
+    "                         'pkcs11:token=cardA?module-name=softhsm2' (see 'nebra tokens')\n"
+    "  --no-pin-pad           ask for the PIN even if the token claims a PIN pad\n"
     "  --pin-env VAR          read the user PIN from environment variable VAR\n"
     "  --pin-file FILE        read the user PIN from the first line of FILE\n"
     "                         (without either, the PIN is asked for without echo)\n"
@@ -40,16 +43,12 @@ std::string groupJson(const pkcs11::certstoreupdater::CertMap& m) {
 }
 
 int run(const Args& args) {
-    args.allow({"module", "pin-env", "pin-file", "json"});
-    if (!args.has("module")) throw UsageError("--module is required");
-    const std::string module = resolveModule(args.get("module"));
-    pkcs11::certstoreupdater::Pkcs11Helper helper(module);
-    // Read while the helper holds the module, so it is initialised once, not twice.
-    pkcs11::CkTokenInfo info = firstTokenInfo(module);
-    std::string pin = readPin(args);
-    helper.login(buffer::Buffer<unsigned char>(reinterpret_cast<const unsigned char*>(pin.data()),
-                                               pin.size()));
-    auto all = helper.getAllCerts();
+    args.allow({"module", "pin-env", "pin-file", "json", "no-pin-pad"});
+    TokenChoice choice = chooseToken(args);
+    auto helper = openToken(choice);
+    pkcs11::CkTokenInfo info = helper->tokenInfo();
+    loginToken(*helper, args, choice, std::cerr);
+    auto all = helper->getAllCerts();
     if (args.flag("json")) {
         std::cout << "{\"token\":{\"label\":" << jsonString(utf8(info.label))
                   << ",\"manufacturer\":" << jsonString(utf8(info.manufacturerId))

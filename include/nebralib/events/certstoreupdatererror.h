@@ -22,6 +22,10 @@ NEBRA_DEFINE_EVENT(CertStoreUpdaterError_DeleteCertificateFailed, CertStoreUpdat
 NEBRA_DEFINE_EVENT(CertStoreUpdaterError_GetCspNameFailed, CertStoreUpdaterError)
 NEBRA_DEFINE_EVENT(CertStoreUpdaterError_InvalidFileSignature, CertStoreUpdaterError)
 NEBRA_DEFINE_EVENT(CertStoreUpdaterError_InvalidConfiguration, CertStoreUpdaterError)
+// Beside the first-slot helper: choosing a token by URI and recording token identities.
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_InvalidPkcs11Uri, CertStoreUpdaterError)
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_TokenNotFound, CertStoreUpdaterError)
+NEBRA_DEFINE_EVENT(CertStoreUpdaterError_SetTokenIdentityFailed, CertStoreUpdaterError)
 
 }  // namespace certstoreupdater
 

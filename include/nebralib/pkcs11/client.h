@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -66,6 +67,8 @@ public:
     bool empty() const { return slots_.empty(); }
     const CkSlot& operator[](std::size_t i) const { return slots_[i]; }
     const std::vector<CkSlot>& entries() const { return slots_; }
+    // Keeps only the entries for which `keep` is true, in their order.
+    void retain(const std::function<bool(const CkSlot&)>& keep);
 
 private:
     std::vector<CkSlot> slots_;
@@ -97,6 +100,9 @@ public:
 
     void open(CK_SLOT_ID slot, CK_FLAGS flags);
     void login(CK_USER_TYPE userType, buffer::BufferRange<unsigned char> pin);
+    // C_Login without a PIN (null, length 0): a token with a protected authentication path (a
+    // reader's keypad) asks for the PIN itself.
+    void loginProtected(CK_USER_TYPE userType);
     void close();
     bool closeOnDestruction() const { return closeOnDestruction_; }
     CK_SESSION_HANDLE handle() const { return handle_; }

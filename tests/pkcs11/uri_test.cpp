@@ -1,0 +1,100 @@
+// PKCS#11 URIs (RFC 7512) as far as they choose a token, and the stored token identity layout.
+#include "nebralib/tokens.h"
+#include "support/testsupport.h"
+
+using namespace pkcs11::certstoreupdater;
+
+namespace {
+
+const TokenIdentity kCard{L"Acme", L"Card v2", L"0123", L"my card"};
+
+TEST(Pkcs11Uri, ParsesChoosesAndRefuses) {
+    // URI, then "" when it must parse, or a part of the refusal's REASON.
+    const struct {
+        const char* uri;
+        const char* refusal;
+        bool matchesCard;
+    } table[] = {
+        {"pkcs11:", "", true},
+        {"PKCS11:token=my%20card", "", true},  // the scheme in any case
+        {"pkcs11:token=my%20card;serial=0123;manufacturer=Acme;model=Card%20v2", "", true},
+        {"pkcs11:token=my%20Card", "", false},  // values are exact
+        {"pkcs11:serial=0123;x-vendor=anything?module-name=p11&pin-source=file:/p", "", true},
+        {"pkcs11:model=Card%20v2;", "", true},  // a trailing separator
+        {"pkcs11:token=my%2", "two hexadecimal digits", false},
+        {"pkcs11:token=my card", "percent-encoded", false},
+        {"pkcs11:token=a;token=b", "appears twice", false},
+        {"pkcs11:Token=my%20card", "does not choose a token", false},  // names are exact
+        {"pkcs11:id=%01;type=cert", "does not choose a token", false},
+        {"pkcs11:slot-id=0", "does not choose a token", false},
+        {"pkcs11:token", "name=value", false},
+        {"pkcs11:token=a;;serial=1", "empty attribute", false},
+        {"pkcs11:token=%FF", "not UTF-8", false},
+        {"pkcs11:token=a/b", "percent-encoded", false},
+        {"pkcs11:token=a#frag", "fragment", false},
+        {"pkcs11:?pin-value=1&pin-source=file:/p", "exclude each other", false},
+        {"pkcs11:?module-path=/a&module-path=/b", "appears twice", false},
+        {"pkcs11:?slot=1", "not supported", false},
+        {"token=my%20card", "starts with 'pkcs11:'", false},
+    };
+    for (const auto& row : table) {
+        if (!*row.refusal) {
+            Pkcs11Uri uri = Pkcs11Uri::parse(row.uri);
+            EXPECT_EQ(uri.matches(kCard), row.matchesCard) << row.uri;
+            continue;
+        }
+        auto e = nebratest::expectEvent<CertStoreUpdaterError_InvalidPkcs11Uri>(
+            [&] { Pkcs11Uri::parse(row.uri); });
+        EXPECT_EQ(nebratest::u8(e.file()) + ":" + std::to_string(e.line()),
+                  "src\\pkcs11helper:130");
+        EXPECT_NE(nebratest::u8(*e.param(L"REASON")).find(row.refusal), std::string::npos)
+            << row.uri << ": " << nebratest::u8(*e.param(L"REASON"));
+        EXPECT_EQ(nebratest::u8(*e.param(L"URI")), row.uri);
+    }
+    Pkcs11Uri q = Pkcs11Uri::parse("pkcs11:token=x?module-path=/usr/lib/m%2Cod.so&x-a=b");
+    EXPECT_EQ(q.query("module-path"), "/usr/lib/m,od.so");
+    EXPECT_FALSE(q.hasQuery("x-a"));
+    // A token's own URI chooses exactly that token.
+    EXPECT_EQ(kCard.uri(), "pkcs11:model=Card%20v2;manufacturer=Acme;serial=0123;token=my%20card");
+    EXPECT_TRUE(Pkcs11Uri::parse(kCard.uri()).matches(kCard));
+    TokenIdentity other = kCard;
+    other.serial = L"0124";
+    EXPECT_FALSE(Pkcs11Uri::parse(kCard.uri()).matches(other));
+}
+
+TEST(TokenIdentity, StoredLayout) {
+    TokenIdentity b{L"M\u00fc", L"", L"9", L"b"};
+    buffer::Buffer<unsigned char> bytes = encodeTokenIdentities({kCard, b});
+    // version 1, two tokens, then per token four length-prefixed UTF-8 fields.
+    std::string expected = std::string("\x01\x02", 2) +
+                           "\x04"
+                           "Acme"
+                           "\x07"
+                           "Card v2"
+                           "\x04"
+                           "0123" +
+                           "\x07"
+                           "my card" +
+                           "\x03"
+                           "M\xc3\xbc" +
+                           std::string(1, '\0') +
+                           "\x01"
+                           "9" +
+                           "\x01"
+                           "b";
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size()), expected);
+    std::vector<TokenIdentity> back;
+    ASSERT_TRUE(decodeTokenIdentities(bytes.data(), bytes.size(), back));
+    ASSERT_EQ(back.size(), 2u);
+    EXPECT_TRUE(back[0] == kCard && back[1] == b);
+    // Any other version, a count of 0, a cut or trailing byte, or bad UTF-8 does not decode.
+    for (std::string bad : {std::string("\x02\x01\0\0\0\0", 6), std::string("\x01\x00", 2),
+                            expected.substr(0, expected.size() - 1), expected + "x",
+                            std::string("\x01\x01\x01\xff\0\0\0", 7)})
+        EXPECT_FALSE(decodeTokenIdentities(reinterpret_cast<const unsigned char*>(bad.data()),
+                                           bad.size(), back))
+            << nebratest::u8(
+                   buffer::hex(reinterpret_cast<const unsigned char*>(bad.data()), bad.size()));
+}
+
+}  // namespace
