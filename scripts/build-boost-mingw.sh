@@ -14,8 +14,7 @@ STAMP=$PREFIX/.built-1
 CXX=x86_64-w64-mingw32-g++-posix
 AR=x86_64-w64-mingw32-ar
 command -v "$CXX" >/dev/null || { echo "build-boost-mingw: $CXX not found (run scripts/deps.sh)" >&2; exit 1; }
-SUDO=""
-if [ "$(id -u)" != 0 ]; then SUDO="sudo"; fi
+. "$(dirname "$0")/deb-src.sh"
 log() { echo "build-boost-mingw: $*" >&2; }
 
 # 1. The source package (downloaded once, checked by apt against the signed Sources index).
@@ -24,16 +23,8 @@ mkdir -p "$SRC"
 orig() { ls "$SRC"/boost1.74_*.orig.tar.* 2>/dev/null | head -n1; }
 if [ -z "$(orig)" ]; then
   if ! (cd "$SRC" && apt-get source --download-only -qq boost1.74 >/dev/null 2>&1); then
-    # No deb-src entries yet: add them beside the binary ones, then refresh the indexes.
-    if [ -f /etc/apt/sources.list.d/debian.sources ]; then
-      sed 's/^Types: deb$/Types: deb-src/' /etc/apt/sources.list.d/debian.sources |
-        $SUDO tee /etc/apt/sources.list.d/nebralib-deb-src.sources >/dev/null
-    else
-      grep -h '^deb ' /etc/apt/sources.list | sed 's/^deb /deb-src /' |
-        $SUDO tee /etc/apt/sources.list.d/nebralib-deb-src.list >/dev/null
-    fi
-    log "added deb-src entries; updating package indexes"
-    $SUDO apt-get update -qq
+    # No deb-src entries yet.
+    add_deb_src build-boost-mingw
     (cd "$SRC" && apt-get source --download-only -qq boost1.74 >/dev/null)
   fi
 fi

@@ -11,7 +11,7 @@ PACKAGES=(
   libboost-dev libboost-filesystem-dev
   g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64
   attr osslsigncode python3 bc
-  dpkg-dev xz-utils patch
+  dpkg-dev xz-utils patch perl
 )
 
 SUDO=""
