@@ -4,10 +4,10 @@
 // Control, either through the environment (read at C_GetFunctionList) or at run time through the
 // exported nebra_fault_* functions:
 //   NEBRA_FAULT_TARGET  path of the real module (default: SoftHSM2)
-//   NEBRA_FAULT         comma-separated rules "C_Name=RV" (every call fails with RV, hex or
-//   decimal),
-//                       "C_Name=RV@N" (only the N-th call from now fails), or "C_GetSlotList=empty"
-//                       (no slot reported)
+//   NEBRA_FAULT         comma-separated rules: "C_Name=RV" (every call fails with RV, hex or
+//                       decimal), "C_Name=RV@N" (only the N-th call from now fails),
+//                       "C_GetSlotList=empty" (no slot reported) or "C_FindObjects=batch:N" (at
+//                       most N handles per call, as cards hand them out)
 //   NEBRA_FAULT_COUNTS  file that receives "C_Name count" lines when the module is finalised
 #include <dlfcn.h>
 
@@ -26,6 +26,7 @@ struct Rule {
     CK_RV rv = CKR_OK;
     long onlyCall = 0;  // 0: every call
     bool emptySlots = false;
+    CK_ULONG batch = 0;  // C_FindObjects: at most this many handles per call (0: as asked)
 };
 
 std::mutex gMutex;
@@ -50,6 +51,8 @@ void parseRules(const char* rules) {
         std::string name = item.substr(0, eq), value = item.substr(eq + 1);
         if (value == "empty") {
             r.emptySlots = true;
+        } else if (value.compare(0, 6, "batch:") == 0) {
+            r.batch = std::strtoul(value.c_str() + 6, nullptr, 10);
         } else {
             std::size_t at = value.find('@');
             r.rv = std::strtoul(value.substr(0, at).c_str(), nullptr, 0);
@@ -126,9 +129,15 @@ CK_RV wFindObjectsInit(CK_SESSION_HANDLE s, CK_ATTRIBUTE_PTR t, CK_ULONG n) {
     if (CK_RV rv = fault("C_FindObjectsInit")) return rv;
     return gTarget->C_FindObjectsInit(s, t, n);
 }
+CK_ULONG batchLimit() {
+    std::lock_guard<std::mutex> lock(gMutex);
+    auto it = gRules.find("C_FindObjects");
+    return it == gRules.end() ? 0 : it->second.batch;
+}
 CK_RV wFindObjects(CK_SESSION_HANDLE s, CK_OBJECT_HANDLE_PTR h, CK_ULONG max, CK_ULONG_PTR count) {
     if (CK_RV rv = fault("C_FindObjects")) return rv;
-    return gTarget->C_FindObjects(s, h, max, count);
+    CK_ULONG limit = batchLimit();
+    return gTarget->C_FindObjects(s, h, limit && limit < max ? limit : max, count);
 }
 CK_RV wFindObjectsFinal(CK_SESSION_HANDLE s) {
     CK_RV rv = fault("C_FindObjectsFinal");

@@ -92,6 +92,7 @@ TokenWriter::TokenWriter(const std::string& module, const std::string& tokenLabe
         if (u8(pkcs11::CkToken(slot).info().label) != tokenLabel) continue;
         session_.reset(new pkcs11::CkSession(true, lib_, 0));
         session_->open(slot.id, CKF_SERIAL_SESSION | CKF_RW_SESSION);
+        if (pin.empty()) return;
         buffer::Buffer<unsigned char> p(reinterpret_cast<const unsigned char*>(pin.data()),
                                         pin.size());
         session_->login(CKU_USER, buffer::BufferRange<unsigned char>(p));
@@ -108,9 +109,8 @@ TokenWriter::~TokenWriter() {
 
 CK_OBJECT_HANDLE TokenWriter::addCertificate(const buffer::Buffer<unsigned char>& der,
                                              const std::string& id, const std::string& label,
-                                             bool tokenObject) {
+                                             bool tokenObject, CK_CERTIFICATE_TYPE type) {
     CK_OBJECT_CLASS cls = CKO_CERTIFICATE;
-    CK_CERTIFICATE_TYPE type = CKC_X_509;
     CK_BBOOL tok = tokenObject ? CK_TRUE : CK_FALSE;
     // CKA_SUBJECT is required by the module; a value that does not decode gets an empty one.
     std::string subject;
