@@ -17,13 +17,7 @@ void check(CK_RV rv, const sites::Site& site) {
 // readable text (bytes taken one per unit) rather than an error.
 buffer::Buffer<wchar_t> paddedText(const unsigned char* p, std::size_t n) {
     while (n > 0 && (p[n - 1] == ' ' || p[n - 1] == '\0')) --n;
-    try {
-        return buffer::Utf8Decoder::decode(p, n);
-    } catch (const buffer::BufferError&) {
-        buffer::Buffer<wchar_t> out;
-        for (std::size_t i = 0; i < n; ++i) out.append(static_cast<wchar_t>(p[i]));
-        return out;
-    }
+    return buffer::utf8OrBytes(p, n);
 }
 
 }  // namespace

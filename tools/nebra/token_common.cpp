@@ -1,14 +1,24 @@
 #include "tools/nebra/token_common.h"
 
+#include <stdexcept>
+
+#include "platform/console.h"
 #include "platform/modules.h"
 
 namespace nebra {
 
 std::string resolveModule(const std::string& pathOrName) {
-    if (pathOrName.find('/') != std::string::npos || pathOrName.find('\\') != std::string::npos)
-        return pathOrName;
-    std::string found = platform::modules::findRegisteredModule(pathOrName);
-    return found.empty() ? pathOrName : found;
+    std::string path = pathOrName;
+    if (path.find('/') == std::string::npos && path.find('\\') == std::string::npos) {
+        std::string found = platform::modules::findRegisteredModule(path);
+        if (!found.empty()) path = found;
+    }
+    std::string narrow;
+    if (!platform::console::narrowPath(path, narrow))
+        throw std::runtime_error("the module path '" + path +
+                                 "' has characters that the system's ANSI code page cannot "
+                                 "express; give the module a path (or short name) without them");
+    return narrow;
 }
 
 pkcs11::CkTokenInfo firstTokenInfo(const std::string& module) {

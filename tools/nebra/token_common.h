@@ -8,7 +8,9 @@
 namespace nebra {
 
 // A module given as a path is used as it is; a bare name is looked up among the modules
-// registered with p11-kit (by module name or file name).
+// registered with p11-kit (by module name or file name). The result is the narrow path the
+// library loads (on Windows in the ANSI code page); a path that cannot be expressed there raises
+// std::runtime_error with the reason.
 std::string resolveModule(const std::string& pathOrName);
 
 // Token info of the first reported slot with a token, as the helper will log in to.
