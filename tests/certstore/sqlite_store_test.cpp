@@ -144,6 +144,35 @@ TEST(SqliteStore, IdentityIsTheExactEncodingAndKeyInfoHasItsLayout) {
     EXPECT_FALSE(cs::native().decodeKeyProvInfo(raw.data(), raw.size(), back));
 }
 
+// A certificate is keyed by its SHA-256: without one (here libcrypto configured with nothing but
+// the null provider, in a process of its own) an addition fails rather than take the place of
+// whatever other certificate got the same stand-in key.
+TEST(SqliteStore, AFailedDigestFailsTheOperation) {
+    if (!std::getenv("NEBRA_TEST_NO_SHA256")) {
+        nebratest::TempDir dir;
+        nebratest::writeFile(dir.file("openssl.cnf"),
+                             "openssl_conf = init\n[init]\nproviders = p\n[p]\nnull = n\n"
+                             "[n]\nactivate = 1\n");
+        char self[4096];
+        ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+        ASSERT_GT(n, 0);
+        self[n] = 0;
+        EXPECT_EQ(nebratest::sh("NEBRA_TEST_NO_SHA256=1 OPENSSL_CONF='" + dir.file("openssl.cnf") +
+                                "' XDG_DATA_HOME='" + dir.path() + "' '" + self +
+                                "' --gtest_filter=SqliteStore.AFailedDigestFailsTheOperation >'" +
+                                dir.file("log") + "' 2>&1"),
+                  0)
+            << nebratest::readFile(dir.file("log"));
+        return;
+    }
+    CertStoreHelper h;
+    for (const char* name : {"alice", "signing"})
+        storetest::raises(
+            [&] { h.addCspCertificate(L"P", L"K", L"", storetest::cert(name), false); },
+            "AddCertificateToStoreFailed", 231);
+    EXPECT_TRUE(h.listCertsByCsp(L"", false)->empty());
+}
+
 // Whatever makes the database unusable, the helper reports the store as not opened.
 TEST(SqliteStore, RefusesADatabaseItCannotUse) {
     nebratest::TempDir dir;
