@@ -1,7 +1,8 @@
 // The certificate stores of a Linux user: one SQLite database per user.
 //
 // Location: $XDG_DATA_HOME/nebralib/certstores.sqlite, or ~/.local/share/nebralib/certstores.sqlite
-// when XDG_DATA_HOME is unset or not absolute. The directory is created with mode 0700.
+// when XDG_DATA_HOME is unset or not absolute. The directory is created with mode 0700; an existing
+// directory or database that is not the user's own, or that group or others may write, is refused.
 //
 // Schema (version in PRAGMA user_version, currently 1):
 //   stores(id, name UNIQUE COLLATE NOCASE)        a store is a name, compared case-insensitively
@@ -91,6 +92,15 @@ bool makeDirs(const std::string& dir) {
     return mkdir(dir.c_str(), 0700) == 0 || errno == EEXIST;
 }
 
+// Whether `path` belongs to this user and nobody else (group or others) may write it; an absent
+// file passes unless it must exist. Every certificate of the store "ROOT" is a trust anchor of
+// the code verifier, so a database that someone else could have written is not used.
+bool ownedAndPrivate(const std::string& path, bool mustExist) {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0) return !mustExist && errno == ENOENT;
+    return st.st_uid == geteuid() && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
 std::string databaseDir() {
     const char* xdg = std::getenv("XDG_DATA_HOME");
     std::string base;
@@ -139,8 +149,13 @@ public:
             *rc = SQLITE_CANTOPEN;
             return nullptr;
         }
+        const std::string path = dir + "/certstores.sqlite";
+        if (!ownedAndPrivate(dir, true) || !ownedAndPrivate(path, false)) {
+            *rc = SQLITE_PERM;
+            return nullptr;
+        }
         std::shared_ptr<Db> db(new Db);
-        *rc = db->init(dir + "/certstores.sqlite");
+        *rc = db->init(path);
         if (*rc != SQLITE_OK) return nullptr;
         return db;
     }

@@ -200,27 +200,32 @@ TEST(SqliteStore, RefusesADatabaseItCannotUse) {
     EXPECT_FALSE(opens(L"MY"));
     rmdir(path.c_str());
 
-    // A database the user may read but not write, in a directory the user may not write.
-    ASSERT_TRUE(opens(L"Trusted People"));
-    chmod(path.c_str(), 0444);
-    chmod((data + "/nebralib").c_str(), 0555);
-    chmod(dir.path().c_str(), 0755);
-    chmod(data.c_str(), 0755);
-    for (const char* suffix : {"-wal", "-shm"}) unlink((path + suffix).c_str());
-    Child refused(
-        [] {
-            try {
-                CertStoreHelper h(L"Trusted People");
-            } catch (const orvo::GenericEvent& e) {
-                return e.line() == 69 && nebratest::params(e) == "STORE=Trusted People";
-            }
-            return false;
-        },
-        true);
-    EXPECT_EQ(refused.wait(), 0);
-    chmod((data + "/nebralib").c_str(), 0700);
-    chmod(path.c_str(), 0600);
-    EXPECT_TRUE(opens(L"MY"));
+    // The directory and the database must be the user's own, written by nobody else: the code
+    // verifier trusts every certificate of the store "ROOT".
+    ASSERT_TRUE(opens(L"MY"));
+    const std::string own = data + "/nebralib";
+    const uid_t me = geteuid();
+    auto usable = [&](const std::string& p, mode_t mode, uid_t owner) {
+        struct stat was {};
+        stat(p.c_str(), &was);
+        EXPECT_EQ(chmod(p.c_str(), mode) | chown(p.c_str(), owner, static_cast<gid_t>(-1)), 0);
+        bool ok = opens(L"MY");
+        chmod(p.c_str(), was.st_mode & 07777);
+        EXPECT_EQ(chown(p.c_str(), was.st_uid, static_cast<gid_t>(-1)), 0);
+        return ok;
+    };
+    EXPECT_FALSE(usable(own, 0770, me));
+    EXPECT_FALSE(usable(own, 0757, me));
+    EXPECT_TRUE(usable(own, 0755, me));
+    EXPECT_FALSE(usable(path, 0620, me));
+    EXPECT_FALSE(usable(path, 0602, me));
+    EXPECT_TRUE(usable(path, 0644, me));
+    if (me == 0) {  // only root can give a file away
+        EXPECT_FALSE(usable(own, 0700, 65534));
+        EXPECT_FALSE(usable(path, 0600, 65534));
+    }
+    chmod(own.c_str(), 0777);
+    storetest::raises([] { CertStoreHelper h; }, "OpenSystemStore", 69, "STORE=MY");
 }
 
 const wchar_t kCsp[] = L"Nebra Crash CSP";
