@@ -1,5 +1,5 @@
 // The Linux certificate store itself: where it lives, its schema, what identifies a certificate,
-// the byte layout of key provider information, refusal of databases it cannot use, and the
+// versioned key provider information, refusal of databases it cannot use or must not trust, and the
 // helper's workload killed with SIGKILL at random moments (an addition must commit with its
 // properties or not at all) or run twice at once.
 #include <signal.h>
@@ -122,7 +122,7 @@ TEST(SqliteStore, LivesInTheUsersDataDirectoryWithItsSchema) {
     EXPECT_FALSE(opens(L""));
 }
 
-TEST(SqliteStore, IdentityIsTheExactEncodingAndKeyInfoHasItsLayout) {
+TEST(SqliteStore, IdentityIsTheExactEncodingAndKeyInfoIsVersioned) {
     std::wstring name = storetest::uniqueStoreName();
     Buffer<unsigned char> alice = der("alice"), altered = alice, raw;
     altered.mutableData()[altered.size() - 1] ^= 0x01;  // same issuer and serial, other bytes
@@ -134,9 +134,6 @@ TEST(SqliteStore, IdentityIsTheExactEncodingAndKeyInfoHasItsLayout) {
     EXPECT_EQ(h.listCertsByCsp(L"", false)->size(), 2u);
     EXPECT_FALSE(storetest::storedProperty(name, altered, cs::kPropKeyProvInfo, raw));
     ASSERT_TRUE(storetest::storedProperty(name, alice, cs::kPropKeyProvInfo, raw));
-    // Layout version, provider type, flags, key type (AT_*), container units, provider units, K1, U+20AC.
-    EXPECT_EQ(raw,
-              nebratest::fromHex("0100000001000000000000000100000002000000010000004B003100AC20"));
     cs::KeyProvInfo back;
     ASSERT_TRUE(cs::native().decodeKeyProvInfo(raw.data(), raw.size(), back));
     EXPECT_EQ(back.provName, std::wstring(1, wchar_t(0x20AC)));
@@ -270,8 +267,9 @@ TEST(StoreCrash, KilledAtRandomMomentsLeavesAStoreThatOpensListsAndCompletes) {
         ASSERT_EQ(checkComplete(store), adding ? kCount : 0u);
     }
     std::mt19937 rng(std::random_device{}());
-    int cut[2] = {0, 0}, rounds = 20;
-    for (int round = 0; round < rounds; ++round) {
+    // Rounds until two kills of each kind landed midway (the rest hit before or after the work).
+    int cut[2] = {0, 0}, rounds = 0;
+    for (; rounds < 40 && (cut[0] < 2 || cut[1] < 2); ++rounds) {
         for (bool adding : {true, false}) {  // killed after a random part of a whole run
             std::size_t before = checkComplete(store);
             auto child = start(store, adding);
@@ -283,7 +281,7 @@ TEST(StoreCrash, KilledAtRandomMomentsLeavesAStoreThatOpensListsAndCompletes) {
             cut[adding] += after != before && after != (adding ? kCount : 0);
             if (!adding) continue;
             EXPECT_EQ(start(store, true)->wait(), 0);  // completes what the killed one left
-            ASSERT_EQ(checkComplete(store), kCount) << "round " << round;
+            ASSERT_EQ(checkComplete(store), kCount) << "round " << rounds;
         }
     }
     std::printf(
@@ -291,8 +289,8 @@ TEST(StoreCrash, KilledAtRandomMomentsLeavesAStoreThatOpensListsAndCompletes) {
         "removals were killed midway\n",
         span[1], span[0], cut[1], rounds, cut[0], rounds);
     // The kills must really have hit running work, or the test proved nothing.
-    EXPECT_GT(cut[1], 0);
-    EXPECT_GT(cut[0], 0);
+    EXPECT_GE(cut[1], 2);
+    EXPECT_GE(cut[0], 2);
 }
 
 TEST(StoreCrash, TwoWritersAtOnceBothSucceedWithoutDuplicates) {
