@@ -4,6 +4,7 @@
 #include "nebralib/asn1/certificate.h"
 
 #include <cstring>
+#include <limits>
 
 #include "asn1/der.h"
 #include "asn1/text.h"
@@ -198,15 +199,16 @@ private:
             Tlv n = v.expect(kInteger, L"version");
             checkInteger(s, n, f);
             v.finish();
+            // Any version number is decoded; the fields below are told apart by their tags alone.
+            constexpr std::int64_t kMaxVersion = std::numeric_limits<int>::max();
             std::int64_t value;
-            if (!integerValue(n, value)) {
+            if (!integerValue(n, value) || value > kMaxVersion) {
                 bool negative = (n.contents[0] & 0x80) != 0;
                 raiseRange(negative ? sites::kBelowMinimum : sites::kAboveMaximum,
-                           integerText(n.contents, n.size()), buffer::decimal(negative ? 0 : 2));
+                           integerText(n.contents, n.size()),
+                           buffer::decimal(negative ? 0 : kMaxVersion));
             }
             if (value == 0) raiseDefaultPresent(s, t.start, f);
-            if (value > 2)
-                raiseRange(sites::kAboveMaximum, buffer::decimal(value), buffer::decimal(2));
             version_ = static_cast<int>(value);
         }
         Tlv serial = r.expect(kInteger, L"serialNumber");
@@ -226,15 +228,11 @@ private:
         readAlgorithm(s, k.expect(kSequence, L"algorithm"));
         checkBitString(s, k.expect(kBitString, L"subjectPublicKey"), {kSpki, L"subjectPublicKey"});
         k.finish();
-        // Version 2 adds the unique identifiers, version 3 the extensions; a field that its
-        // version does not have is left over and fails the end check below.
-        if (version_ >= 1) {
-            if (r.optional(kContext | 1, L"issuerUId", t))
-                checkBitString(s, t, {kTbs, L"issuerUId"});
-            if (r.optional(kContext | 2, L"subjectUId", t))
-                checkBitString(s, t, {kTbs, L"subjectUId"});
-        }
-        if (version_ >= 2 && r.optionalExplicit(3, L"extensions", t)) {
+        // Every version decodes into the one shape: each later field is present or absent by its
+        // tag alone, whatever the version says.
+        if (r.optional(kContext | 1, L"issuerUId", t)) checkBitString(s, t, {kTbs, L"issuerUId"});
+        if (r.optional(kContext | 2, L"subjectUId", t)) checkBitString(s, t, {kTbs, L"subjectUId"});
+        if (r.optionalExplicit(3, L"extensions", t)) {
             Reader x(s, t, kTbs);
             Tlv seq = x.expect(kSequence, L"extensions");
             x.finish();

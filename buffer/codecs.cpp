@@ -225,4 +225,15 @@ std::wstring fromUtf8(const std::string& s) {
     return Utf8Decoder::decode(reinterpret_cast<const unsigned char*>(s.data()), s.size()).str();
 }
 
+Buffer<wchar_t> utf8OrBytes(const unsigned char* p, std::size_t n) {
+    try {
+        return Utf8Decoder::decode(p, n);
+    } catch (const BufferError&) {
+        Buffer<wchar_t> out;
+        out.reserve(n);
+        for (std::size_t i = 0; i < n; ++i) out.append(static_cast<wchar_t>(p[i]));
+        return out;
+    }
+}
+
 }  // namespace buffer

@@ -17,13 +17,7 @@ void check(CK_RV rv, const sites::Site& site) {
 // readable text (bytes taken one per unit) rather than an error.
 buffer::Buffer<wchar_t> paddedText(const unsigned char* p, std::size_t n) {
     while (n > 0 && (p[n - 1] == ' ' || p[n - 1] == '\0')) --n;
-    try {
-        return buffer::Utf8Decoder::decode(p, n);
-    } catch (const buffer::BufferError&) {
-        buffer::Buffer<wchar_t> out;
-        for (std::size_t i = 0; i < n; ++i) out.append(static_cast<wchar_t>(p[i]));
-        return out;
-    }
+    return buffer::utf8OrBytes(p, n);
 }
 
 }  // namespace
@@ -92,11 +86,10 @@ void CkSession::login(CK_USER_TYPE userType, buffer::BufferRange<unsigned char> 
     // An empty PIN goes to the module as a zero-length value, not refused here.
     static unsigned char empty = 0;
     CK_UTF8CHAR* p = pin.empty() ? &empty : const_cast<CK_UTF8CHAR*>(pin.begin());
-    CK_RV rv = functions()->C_Login(handle_, userType, p, static_cast<CK_ULONG>(pin.size()));
-    // Login state belongs to the application, not to one session: a new session on a token the
-    // application is already logged in to is logged in as well.
-    if (rv == CKR_USER_ALREADY_LOGGED_IN) return;
-    check(rv, sites::kLogin);
+    // Every refusal reaches the caller, CKR_USER_ALREADY_LOGGED_IN included: a module may answer
+    // it before looking at the PIN, so taking it for success would pass any PIN as right.
+    check(functions()->C_Login(handle_, userType, p, static_cast<CK_ULONG>(pin.size())),
+          sites::kLogin);
 }
 
 void CkSession::loginProtected(CK_USER_TYPE userType) {
@@ -254,15 +247,19 @@ CkObjectsFinder::~CkObjectsFinder() {
 
 bool CkObjectsFinder::next(CK_OBJECT_HANDLE& handle) {
     if (pos_ == batch_.size()) {
+        // Only a count of 0 ends a search: a module may hand out fewer handles than asked for
+        // while more remain.
         if (exhausted_ || !active_) return false;
         batch_.resize(kBatch);
         CK_ULONG count = 0;
         check(session_.functions()->C_FindObjects(session_.handle(), batch_.data(), kBatch, &count),
               sites::kFindObjects);
-        batch_.resize(count);
+        batch_.resize(std::min<CK_ULONG>(count, kBatch));
         pos_ = 0;
-        if (count < kBatch) exhausted_ = true;
-        if (count == 0) return false;
+        if (batch_.empty()) {
+            exhausted_ = true;
+            return false;
+        }
     }
     handle = batch_[pos_++];
     return true;

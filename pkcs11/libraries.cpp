@@ -1,4 +1,5 @@
-// Loading Cryptoki modules: dlopen / LoadLibraryW, C_GetFunctionList, C_Initialize.
+// Loading Cryptoki modules: dlopen / LoadLibraryA, C_GetFunctionList, C_Initialize. The path is
+// handed to the loader exactly as the caller gave it (on Windows, ANSI code page text).
 #include <cstring>
 
 #include "nebralib/buffer/codecs.h"
@@ -15,19 +16,32 @@ namespace pkcs11 {
 
 namespace {
 
+// The module path as text for events. It is passed to the loader as the caller gave it, so it
+// need not be valid text of any kind: its event is built without a decoding failure.
+buffer::Buffer<wchar_t> pathText(const std::string& path);
+
 [[noreturn]] void raiseLoad(const sites::Site& site, const std::string& path,
                             const std::string& reason) {
     throw Pkcs11Error_CryptokiError(buffer::Buffer<wchar_t>(site.file), site.line)
         .setParam(L"CRYPTOKY_ERROR_CODE", buffer::decimal(CKR_GENERAL_ERROR))
-        .setParam(L"MODULE", buffer::Buffer<wchar_t>(buffer::fromUtf8(path)))
-        .setParam(L"REASON", buffer::Buffer<wchar_t>(buffer::fromUtf8(reason)));
+        .setParam(L"MODULE", pathText(path))
+        .setParam(L"REASON", buffer::utf8OrBytes(reason));
 }
 
 #ifdef _WIN32
+// A narrow path on Windows is text of the ANSI code page, as LoadLibraryA takes it.
+buffer::Buffer<wchar_t> pathText(const std::string& path) {
+    int n = path.empty() ? 0
+                         : MultiByteToWideChar(CP_ACP, 0, path.data(),
+                                               static_cast<int>(path.size()), nullptr, 0);
+    if (n <= 0) return buffer::utf8OrBytes(path);
+    std::wstring w(static_cast<std::size_t>(n), L'\0');
+    MultiByteToWideChar(CP_ACP, 0, path.data(), static_cast<int>(path.size()), &w[0], n);
+    return buffer::Buffer<wchar_t>(w);
+}
 void* openModule(const std::string& path, std::string& error) {
-    std::wstring wpath = buffer::fromUtf8(path);
-    HMODULE h = LoadLibraryW(wpath.c_str());
-    if (!h) error = "LoadLibraryW failed with error " + std::to_string(GetLastError());
+    HMODULE h = LoadLibraryA(path.c_str());
+    if (!h) error = "LoadLibraryA failed with error " + std::to_string(GetLastError());
     return reinterpret_cast<void*>(h);
 }
 void* moduleSymbol(void* handle, const char* name) {
@@ -37,6 +51,9 @@ void closeModule(void* handle) {
     FreeLibrary(static_cast<HMODULE>(handle));
 }
 #else
+buffer::Buffer<wchar_t> pathText(const std::string& path) {
+    return buffer::utf8OrBytes(path);  // file names are bytes; most are UTF-8
+}
 void* openModule(const std::string& path, std::string& error) {
     void* h = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!h) {

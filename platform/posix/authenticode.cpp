@@ -50,8 +50,7 @@ NEBRA_OID(kTstInfo, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x09, 0x10, 0x01, 
 NEBRA_OID(kSpcIndirectData, 0x2B, 0x06, 0x01, 0x04, 0x01, 0x82, 0x37, 0x02, 0x01, 0x04)
 NEBRA_OID(kSpcPeImageData, 0x2B, 0x06, 0x01, 0x04, 0x01, 0x82, 0x37, 0x02, 0x01, 0x0F)
 NEBRA_OID(kRfc3161Timestamp, 0x2B, 0x06, 0x01, 0x04, 0x01, 0x82, 0x37, 0x03, 0x03, 0x01)
-// Digests
-NEBRA_OID(kMd5, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02, 0x05)
+// Digests (MD5 is refused everywhere, as Windows refuses it for Authenticode; SHA-1 is accepted)
 NEBRA_OID(kSha1, 0x2B, 0x0E, 0x03, 0x02, 0x1A)
 NEBRA_OID(kSha256, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x01)
 NEBRA_OID(kSha384, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x02)
@@ -59,7 +58,6 @@ NEBRA_OID(kSha512, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x03)
 NEBRA_OID(kSha224, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x04)
 // Signature algorithms
 NEBRA_OID(kRsaEncryption, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01)
-NEBRA_OID(kMd5WithRsa, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x04)
 NEBRA_OID(kSha1WithRsa, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x05)
 NEBRA_OID(kSha256WithRsa, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x0B)
 NEBRA_OID(kSha384WithRsa, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x0C)
@@ -74,15 +72,15 @@ NEBRA_OID(kEcdsaSha512, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x04, 0x03, 0x04)
 
 #undef NEBRA_OID
 
-enum Digest { kDigestMd5, kDigestSha1, kDigestSha224, kDigestSha256, kDigestSha384, kDigestSha512 };
+enum Digest { kDigestSha1, kDigestSha224, kDigestSha256, kDigestSha384, kDigestSha512 };
 struct DigestAlg {
     const Oid* oid;
     const char* name;
     std::size_t size;
 };
 const DigestAlg kDigests[] = {
-    {&kMd5, "MD5", 16},       {&kSha1, "SHA1", 20},     {&kSha224, "SHA224", 28},
-    {&kSha256, "SHA256", 32}, {&kSha384, "SHA384", 48}, {&kSha512, "SHA512", 64},
+    {&kSha1, "SHA1", 20},     {&kSha224, "SHA224", 28}, {&kSha256, "SHA256", 32},
+    {&kSha384, "SHA384", 48}, {&kSha512, "SHA512", 64},
 };
 
 enum class KeyKind { Rsa, Ec };
@@ -93,7 +91,6 @@ struct SignatureAlg {
 };
 const SignatureAlg kSignatureAlgs[] = {
     {&kRsaEncryption, KeyKind::Rsa, -1},
-    {&kMd5WithRsa, KeyKind::Rsa, kDigestMd5},
     {&kSha1WithRsa, KeyKind::Rsa, kDigestSha1},
     {&kSha224WithRsa, KeyKind::Rsa, kDigestSha224},
     {&kSha256WithRsa, KeyKind::Rsa, kDigestSha256},
@@ -546,6 +543,13 @@ Status checkChain(X509* leaf, const std::vector<X509*>& intermediates, X509_STOR
     STACK_OF(X509)* chain = X509_STORE_CTX_get0_chain(ctx.get());
     for (int i = 0; i < sk_X509_num(chain); ++i) {
         X509* cert = sk_X509_value(chain, i);
+        // Each certificate but the trust anchor is judged by its issuer's signature, which must
+        // not rest on MD5 (nor the older MD2 and MD4).
+        int md = NID_undef;
+        if (i + 1 < sk_X509_num(chain) &&
+            OBJ_find_sigid_algs(X509_get_signature_nid(cert), &md, nullptr) &&
+            (md == NID_md5 || md == NID_md4 || md == NID_md2))
+            return Status::Unsupported;
         const std::uint32_t flags = X509_get_extension_flags(cert);
         if (flags & EXFLAG_INVALID) return Status::Untrusted;
         if (!(flags & EXFLAG_XKUSAGE)) continue;

@@ -5,7 +5,7 @@
 //   header's CheckSum and the certificate-table directory entry; the table must end the file;
 // - the table holds one WIN_CERTIFICATE (revision 0x0200, type PKCS_SIGNED_DATA) whose PKCS #7
 //   SignedData has exactly one SignerInfo, over an SpcIndirectDataContent with PE image data whose
-//   digest (MD5, SHA-1 or SHA-2, as named) equals the image hash;
+//   digest (SHA-1 or SHA-2, as named) equals the image hash;
 // - the signed attributes carry that content's type and digest, and the signer's signature over
 //   them verifies with the signer's certificate from the SignedData;
 // - the signer's chain (certificates of the SignedData as intermediates) ends in a trust anchor,
@@ -13,7 +13,11 @@
 //   codeSigning; on a CA anyExtendedKeyUsage also does), at the time of a verified timestamp when
 //   the signature carries one (RFC 3161 or PKCS #9 countersignature by a certificate with
 //   timeStamping), else now;
-// - nested signatures are ignored; an invalid timestamp makes the signature invalid.
+// - nested signatures are ignored; an invalid timestamp makes the signature invalid;
+// - MD5 is refused wherever it appears, as current Windows refuses it: as the image digest or a
+//   signer's digest or signature algorithm (Unsupported), in a signature of the signer's chain
+//   (Unsupported), and anywhere in a timestamp (BadTimestamp, so the signature is invalid rather
+//   than judged at a time an MD5 collision could have chosen). SHA-1 stays accepted.
 #pragma once
 
 #include <cstddef>

@@ -1,7 +1,8 @@
 // The certificate stores of a Linux user: one SQLite database per user.
 //
 // Location: $XDG_DATA_HOME/nebralib/certstores.sqlite, or ~/.local/share/nebralib/certstores.sqlite
-// when XDG_DATA_HOME is unset or not absolute. The directory is created with mode 0700.
+// when XDG_DATA_HOME is unset or not absolute. The directory is created with mode 0700; an existing
+// directory or database that is not the user's own, or that group or others may write, is refused.
 //
 // Schema (version in PRAGMA user_version, currently 1):
 //   stores(id, name UNIQUE COLLATE NOCASE)        a store is a name, compared case-insensitively
@@ -91,6 +92,15 @@ bool makeDirs(const std::string& dir) {
     return mkdir(dir.c_str(), 0700) == 0 || errno == EEXIST;
 }
 
+// Whether `path` belongs to this user and nobody else (group or others) may write it; an absent
+// file passes unless it must exist. Every certificate of the store "ROOT" is a trust anchor of
+// the code verifier, so a database that someone else could have written is not used.
+bool ownedAndPrivate(const std::string& path, bool mustExist) {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0) return !mustExist && errno == ENOENT;
+    return st.st_uid == geteuid() && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
 std::string databaseDir() {
     const char* xdg = std::getenv("XDG_DATA_HOME");
     std::string base;
@@ -108,12 +118,15 @@ std::string databaseDir() {
     return base + "/nebralib";
 }
 
-void digestOf(const unsigned char* der, std::size_t size, unsigned char out[32]) {
+// The SHA-256 of an encoding; false when libcrypto cannot give it. The digest is the unique key of
+// a certificate in its store, so no operation goes on without it.
+bool digestOf(const unsigned char* der, std::size_t size, unsigned char out[32]) {
     // Fetched once: an implicit fetch on every call costs more than hashing a certificate.
     static EVP_MD* sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
     unsigned int len = 0;
-    if (!sha256 || EVP_Digest(der, size, out, &len, sha256, nullptr) != 1 || len != 32)
-        std::memset(out, 0, 32);  // not reached with a working libcrypto; lookups then just miss
+    if (sha256 && EVP_Digest(der, size, out, &len, sha256, nullptr) == 1 && len == 32) return true;
+    t_lastError = kErrorStoreFailure;
+    return false;
 }
 
 using Props = std::map<std::uint32_t, std::vector<unsigned char>>;
@@ -136,8 +149,13 @@ public:
             *rc = SQLITE_CANTOPEN;
             return nullptr;
         }
+        const std::string path = dir + "/certstores.sqlite";
+        if (!ownedAndPrivate(dir, true) || !ownedAndPrivate(path, false)) {
+            *rc = SQLITE_PERM;
+            return nullptr;
+        }
         std::shared_ptr<Db> db(new Db);
-        *rc = db->init(dir + "/certstores.sqlite");
+        *rc = db->init(path);
         if (*rc != SQLITE_OK) return nullptr;
         return db;
     }
@@ -166,19 +184,21 @@ public:
 
     // Binds the store, the SHA-256 of the encoding (into `digest`, which must outlive the step)
     // and the encoding to parameters 1 to 3: the lookup key of every per-certificate statement.
-    static void bindCertificate(sqlite3_stmt* s, std::int64_t store, const unsigned char* der,
+    // False, with the reason in t_lastError, when the digest cannot be made.
+    static bool bindCertificate(sqlite3_stmt* s, std::int64_t store, const unsigned char* der,
                                 std::size_t size, unsigned char (&digest)[32]) {
-        digestOf(der, size, digest);
+        if (!digestOf(der, size, digest)) return false;
         sqlite3_bind_int64(s, 1, store);
         sqlite3_bind_blob(s, 2, digest, 32, SQLITE_STATIC);
         sqlite3_bind_blob(s, 3, der, static_cast<int>(size), SQLITE_STATIC);
+        return true;
     }
 
     // Row id of the certificate with this encoding in the store; 0 when absent, -1 on failure.
     std::int64_t find(std::int64_t store, const unsigned char* der, std::size_t size) {
         unsigned char digest[32];
         Use u(find_);
-        bindCertificate(find_, store, der, size, digest);
+        if (!bindCertificate(find_, store, der, size, digest)) return -1;
         int rc = sqlite3_step(find_);
         if (rc == SQLITE_ROW) return sqlite3_column_int64(find_, 0);
         if (rc == SQLITE_DONE) return 0;
@@ -191,7 +211,7 @@ public:
     std::int64_t insert(std::int64_t store, const unsigned char* der, std::size_t size) {
         unsigned char digest[32];
         Use u(insert_);
-        bindCertificate(insert_, store, der, size, digest);
+        if (!bindCertificate(insert_, store, der, size, digest)) return -1;
         int rc = sqlite3_step(insert_);
         if (rc == SQLITE_DONE) return sqlite3_last_insert_rowid(h_);
         if ((rc & 0xFF) == SQLITE_CONSTRAINT) return 0;
@@ -205,7 +225,7 @@ public:
                       Props& props) {
         unsigned char digest[32];
         Use u(load_);
-        bindCertificate(load_, store, der, size, digest);
+        if (!bindCertificate(load_, store, der, size, digest)) return -1;
         std::int64_t id = 0;
         int rc;
         while ((rc = sqlite3_step(load_)) == SQLITE_ROW) {

@@ -32,6 +32,11 @@ std::vector<std::string> utf8Arguments(int argc, char** argv) {
     return std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc);
 }
 
+bool narrowPath(const std::string& utf8, std::string& out) {
+    out = utf8;  // file names are bytes here
+    return true;
+}
+
 bool stderrIsTerminal() {
     return isatty(STDERR_FILENO) != 0;
 }

@@ -3,7 +3,8 @@
 // bound to provider P and container "CKAIDHEX:..." thus names a module and the CKA_ID of its key.
 //
 // The list is read afresh by the size query of index 0 (the start of every enumeration) and served
-// from memory for the calls that follow, so one enumeration loads the module list once.
+// from memory for the calls that follow, so one enumeration loads the module list once. That
+// memory belongs to the calling thread: threads enumerating at once share nothing.
 #include <p11-kit/p11-kit.h>
 
 #include <cstdlib>
@@ -20,17 +21,7 @@ namespace providers {
 namespace {
 
 thread_local std::uint32_t t_lastError = 0;
-
-std::wstring wideName(const char* name) {
-    try {
-        return buffer::fromUtf8(name);
-    } catch (const orvo::GenericEvent&) {
-        std::wstring latin1;  // not UTF-8: keep the bytes as they are
-        for (const char* p = name; *p; ++p)
-            latin1.push_back(static_cast<wchar_t>(static_cast<unsigned char>(*p)));
-        return latin1;
-    }
-}
+thread_local std::vector<std::wstring> t_names;  // this thread's enumeration
 
 std::vector<std::wstring> registeredModules() {
     std::vector<std::wstring> names;
@@ -39,7 +30,7 @@ std::vector<std::wstring> registeredModules() {
     for (CK_FUNCTION_LIST** m = modules; *m; ++m) {
         char* name = p11_kit_module_get_name(*m);
         if (name) {
-            names.push_back(wideName(name));
+            names.push_back(buffer::utf8OrBytes(name).str());  // not UTF-8: byte by byte
             std::free(name);
         }
     }
@@ -52,9 +43,9 @@ public:
     bool enumProviders(std::uint32_t index, std::uint32_t* type, std::uint16_t* name,
                        std::uint32_t* size) override {
         if (!size) return fail(87);
-        if (index == 0 && !name) names_ = registeredModules();
-        if (index >= names_.size()) return fail(kErrorNoMoreItems);
-        const std::wstring& n = names_[index];
+        if (index == 0 && !name) t_names = registeredModules();
+        if (index >= t_names.size()) return fail(kErrorNoMoreItems);
+        const std::wstring& n = t_names[index];
         auto needed = static_cast<std::uint32_t>((n.size() + 1) * 2);
         if (type) *type = 1;  // PROV_RSA_FULL: the type every binding is written with
         if (!name) {
@@ -76,7 +67,6 @@ private:
         t_lastError = code;
         return false;
     }
-    std::vector<std::wstring> names_;
 };
 
 }  // namespace

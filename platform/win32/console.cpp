@@ -45,6 +45,29 @@ std::vector<std::string> utf8Arguments(int argc, char** argv) {
     return out;
 }
 
+bool narrowPath(const std::string& utf8, std::string& out) {
+    out.clear();
+    if (utf8.empty()) return true;
+    if (GetACP() == CP_UTF8) {  // the system runs with UTF-8 as its ANSI code page
+        out = utf8;
+        return true;
+    }
+    const int size = static_cast<int>(utf8.size());
+    int n = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), size, nullptr, 0);
+    if (n <= 0) return false;
+    std::wstring wide(static_cast<std::size_t>(n), L'\0');
+    MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), size, &wide[0], n);
+    // No best-fit replacements: a character without an exact form must not turn into another
+    // file's name.
+    BOOL lossy = FALSE;
+    int m = WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, wide.data(), n, nullptr, 0, nullptr,
+                                &lossy);
+    if (m <= 0 || lossy) return false;
+    out.assign(static_cast<std::size_t>(m), '\0');
+    WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, wide.data(), n, &out[0], m, nullptr, &lossy);
+    return !lossy;
+}
+
 bool stderrIsTerminal() {
     return _isatty(_fileno(stderr)) != 0;
 }

@@ -61,14 +61,18 @@ TEST(Certificate, MadeByOpenssl) {
 }
 
 TEST(Certificate, AcceptedHandWrittenValues) {
-    // v1 without extensions, v2 with both unique identifiers; negative and long serials kept.
+    // v1 without extensions; every version, v1 and those above v3 included, decodes into the one
+    // shape, with both unique identifiers and the extensions present by their tags alone.
     EXPECT_EQ(describe(cert(with({{&CertParts::version, ""}, {&CertParts::exts, ""}}))),
               "v0 01 00000000000 -/- 0 2024-01-01 00:00:00/2034-01-01 00:00:00");
-    EXPECT_EQ(cert(with({{&CertParts::version, hex("A003020101")},
-                         {&CertParts::uids, hex("8102000182020600")},
-                         {&CertParts::exts, ""}}))
-                  .version(),
-              1);
+    std::string versions;
+    for (const char* v : {"", "A003020101", "A003020103", "A00402027FFF"}) {
+        Certificate c = cert(
+            with({{&CertParts::version, hex(v)}, {&CertParts::uids, hex("8102000182020600")}}));
+        versions += std::to_string(c.version()) + (c.checkUsage(0) ? "/ku," : "/-,");
+    }
+    EXPECT_EQ(versions, "0/ku,1/ku,3/ku,32767/ku,");
+    // Negative and long serials kept.
     EXPECT_EQ(rangeHex(cert(with(&CertParts::serial, hex("0201FF"))).serialNumber()), "FF");
     EXPECT_EQ(cert(with(&CertParts::serial, hex("0215") + Bytes(21, '\x7F'))).serialNumber().size(),
               21u);

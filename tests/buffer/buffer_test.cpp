@@ -1,3 +1,4 @@
+#include <limits>
 #include <thread>
 #include <vector>
 
@@ -41,7 +42,7 @@ TEST(Buffer, SharingCopyOnWriteAndTermination) {
     EXPECT_STREQ(s1.c_str(), "abcdef");
 }
 
-TEST(Buffer, GrowthIsHalfPlusSixteen) {
+TEST(Buffer, GrowthIsHalfPlusSixteenAndNeverLosesUnits) {
     Buffer<unsigned char> b;
     b.append(static_cast<unsigned char>(1));
     EXPECT_EQ(b.capacity(), 1u + 0u + 16u);
@@ -49,6 +50,18 @@ TEST(Buffer, GrowthIsHalfPlusSixteen) {
     b.append(data.data(), data.size());  // needs 101 units
     EXPECT_EQ(b.capacity(), 101u + 50u + 16u);
     EXPECT_EQ(b.size(), 101u);
+
+    // Reserving less than a shared buffer holds: the writer's own block still takes every unit.
+    Buffer<char> r1("abcdefghij"), r2 = r1;
+    r2.reserve(2);
+    EXPECT_NE(r1.data(), r2.data());
+    EXPECT_GE(r2.capacity(), 10u);
+    r2.append('k');
+    EXPECT_STREQ(r2.c_str(), "abcdefghijk");
+    EXPECT_STREQ(r1.c_str(), "abcdefghij");
+    // A size whose growth does not fit in 64 bits is refused, not wrapped round to a small block.
+    EXPECT_THROW(r2.resize(std::numeric_limits<std::size_t>::max() / 3 * 2 + 16), std::bad_alloc);
+    EXPECT_STREQ(r2.c_str(), "abcdefghijk");
 }
 
 TEST(Buffer, OrderingIsUnitWise) {

@@ -29,6 +29,11 @@ TEST(Utf8Decoder, AcceptsLeniently) {
     EXPECT_EQ(decodeUnits(bytes({0xF0, 0x9F, 0x98, 0x80})), std::vector<unsigned>{0xF600});
     EXPECT_EQ(decodeUnits(bytes({0x80, 0x81})), std::vector<unsigned>{0x0001});
     EXPECT_EQ(decodeUnits(bytes({0xC0, 0x80})), std::vector<unsigned>{0x0000});  // overlong
+    // Five- and six-byte forms (leads F8-FB, FC-FD), kept to their low 16 bits.
+    EXPECT_EQ(decodeUnits(bytes({0xF8, 0x80, 0x80, 0x81, 0x82, 0x41})),
+              (std::vector<unsigned>{0x42, 0x41}));
+    EXPECT_EQ(decodeUnits(bytes({0xFD, 0xBF, 0xBF, 0xBF, 0xBF, 0xBF})),
+              std::vector<unsigned>{0xFFFF});
     EXPECT_EQ(decodeUnits(bytes({0x41, 0xE2, 0x82, 0xAC, 0x42})),
               (std::vector<unsigned>{0x41, 0x20AC, 0x42}));
     EXPECT_TRUE(decodeUnits(Buffer<unsigned char>()).empty());
@@ -38,6 +43,7 @@ TEST(Utf8Decoder, RejectsWithLineAndCause) {
     expectDecodeError(bytes({0x80, 0x41}), 424, true);
     expectDecodeError(bytes({0xC3}), 419, true);
     expectDecodeError(bytes({0xC3, 0x41}), 424, true);
+    expectDecodeError(bytes({0xFC, 0x80, 0x80, 0x80, 0x80}), 419, true);
     expectDecodeError(bytes({0xFE}), 451, false);
     expectDecodeError(bytes({0x41, 0xFF}), 451, false);
 }

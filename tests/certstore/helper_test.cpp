@@ -1,9 +1,12 @@
 // The real store of the platform (SQLite here, CryptoAPI under Wine) through its narrow interface,
 // and CertStoreHelper over it, with a fault-injecting wrapper for the failures a real store cannot
 // be made to produce.
+#include <atomic>
 #include <set>
+#include <thread>
 #include <vector>
 
+#include "asn1/asn1testutil.h"
 #include "platform/providers.h"
 #include "storetest.h"
 
@@ -272,11 +275,18 @@ TEST(CertStoreHelperHandle, OpensByNameAndSharesOneHandleBetweenCopies) {
 
 TEST(CertStoreHelperKeySpec, EncryptionUseWinsOverSigning) {
     CertStoreHelper h(storetest::uniqueStoreName());
-    // alice: digitalSignature + keyEncipherment; signing: digitalSignature; root: keyCertSign +
-    // cRLSign; agreement: keyAgreement only; nousage: no KeyUsage extension.
+    // Key usage bits as the first byte of the bit string (bit 0 is 0x80): each signing bit (0, 1,
+    // 5, 6) and each encryption bit (2, 3) alone, encryption with signing, keyAgreement (bit 4)
+    // alone, and no KeyUsage extension at all.
     const std::pair<const char*, std::uint32_t> keySpecs[] = {
-        {"alice", 1}, {"signing", 2}, {"root", 2}, {"agreement", 0}, {"nousage", 0}};
-    for (const auto& s : keySpecs) EXPECT_EQ(h.getKeySpec(cert(s.first)), s.second) << s.first;
+        {"80", 2}, {"40", 2}, {"04", 2}, {"02", 2}, {"20", 1}, {"10", 1}, {"A0", 1}, {"08", 0}};
+    for (const auto& k : keySpecs) {
+        auto ku = asn1test::extensions("551D0F", asn1test::hex(std::string("030200") + k.first));
+        EXPECT_EQ(h.getKeySpec(asn1test::cert(asn1test::with(&asn1test::CertParts::exts, ku))),
+                  k.second)
+            << k.first;
+    }
+    EXPECT_EQ(h.getKeySpec(cert("nousage")), 0u);
 }
 
 // What Wine does faithfully: the add itself, key provider information, friendly names, a silent
@@ -285,7 +295,15 @@ TEST_F(Helper, AddBindsTheCertificateAndKeepsAnExistingOneAsItIs) {
     add(*h_, L"Prov", L"K1", L"Ab", "alice");
     add(*h_, L"Prov", L"K2", L"", "signing");
     add(*h_, L"Prov", L"K3", L"", "nocn");
-    add(*h_, L"Prov", L"K4", L"", "agreement");
+    // From a map: the key is the container, the entry's label the friendly name.
+    CertMap labelled = mapOf({{L"K4", "agreement"}});
+    labelled.begin()->second.label = Buffer<wchar_t>(L"Agreed");
+    auto addMap = [&] { h_->addCspCertificates(L"Prov", labelled, true); };
+    nebratest::runningUnderWine() ? raises(addMap, "SetCertVeltraneCspRefFailed", 301, "CSP=Prov")
+                                  : addMap();
+    EXPECT_EQ(prop("agreement", cs::kPropFriendlyName), utf16z("Agreed"));
+    EXPECT_EQ(keyInfo("agreement").containerName, L"K4");
+    EXPECT_EQ(keyInfo("agreement").keySpec, 0u);  // keyAgreement alone: bound with 0
     EXPECT_EQ(prop("alice", cs::kPropFriendlyName), utf16z("Ab"));
     EXPECT_EQ(prop("signing", cs::kPropFriendlyName), utf16z("Signing Key"));  // commonName
     EXPECT_EQ(prop("nocn", cs::kPropFriendlyName), utf16z("OU=No Common Name, O=Nebra Test"));
@@ -330,13 +348,20 @@ TEST_F(Helper, FindMatchesTheCspReferenceExactlyAndDecidesWhetherTheAddIsTried) 
     EXPECT_FALSE(h_->findCspCertificate(L"X", L"C2", alice));
     EXPECT_FALSE(h_->findCspCertificate(L"x", alice));
     EXPECT_FALSE(h_->findCspCertificate(L"X", L"c1", alice));
-    // The key provider information must agree too when asked: it names Y, not X.
+    // The key provider information must agree too when asked: it names Y, not X; for agreement
+    // it names X but container KP, which only an empty container leaves unasked.
     EXPECT_FALSE(h_->findCspCertificate(L"X", L"C1", alice, true));
+    bind("agreement", "C1\nX\n", L"X");
+    EXPECT_TRUE(h_->findCspCertificate(L"X", L"C1", cert("agreement")));
+    EXPECT_FALSE(h_->findCspCertificate(L"X", L"C1", cert("agreement"), true));
+    EXPECT_TRUE(h_->findCspCertificate(L"X", L"", cert("agreement"), true));
+    h_->deleteCertificate(cert("agreement"));
     EXPECT_TRUE(h_->findCertificate(signing));
     EXPECT_FALSE(h_->findCspCertificate(L"X", signing));
     EXPECT_TRUE(h_->findCspCertificate(L"", signing));
     bind("root", std::string("K\nX\n\0junk", 9));
     EXPECT_TRUE(h_->findCspCertificate(L"X", L"K", cert("root")));
+    EXPECT_FALSE(h_->findCspCertificate(L"X", L"K", cert("root"), true));  // no key information
     bind("nocn", "K-only");
     EXPECT_FALSE(h_->findCspCertificate(L"K-only", cert("nocn")));
     EXPECT_TRUE(h_->findCspCertificate(L"", L"K-only", cert("nocn")));
@@ -377,9 +402,14 @@ TEST_F(Helper, DeletingAndListingByCspReference) {
     // K3's key information names another provider, and it is what counts when present.
     EXPECT_EQ(keys, (std::set<std::wstring>{L"K", L"K5", L"K6"}));
     EXPECT_EQ(prov->at(Buffer<wchar_t>(L"K")).certificate.der(), storetest::der("alice"));
-    EXPECT_EQ(h_->listCertsByCsp(L"Prov", true)->size(), 1u);    // K6 only
-    EXPECT_EQ(h_->listCertsByCsp(L"", false)->size(), 6u - 1u);  // K shared
-    EXPECT_EQ(h_->listCertsByCsp(L"", true)->size(), 2u);        // root (K) and K6
+    EXPECT_EQ(h_->listCertsByCsp(L"Prov", true)->size(), 1u);  // K6 only
+    // Keyed by the key information's container where there is one (root: KP), else by the
+    // reference's first line; K is shared.
+    keys.clear();
+    prov = h_->listCertsByCsp(L"", false);
+    for (const auto& e : *prov) keys.insert(e.first.str());
+    EXPECT_EQ(keys, (std::set<std::wstring>{L"K", L"K2", L"KP", L"K5", L"K6"}));
+    EXPECT_EQ(h_->listCertsByCsp(L"", true)->size(), 2u);  // root (K) and K6
 
     // With the key information check, root (bound by reference to Prov, key info elsewhere)
     // and agreement (no key info) stay.
@@ -478,9 +508,23 @@ TEST(CertStoreHelperProviders, ListsInstalledProvidersInOrderAndReportsAFailedRe
     auto all = CertStoreHelper::listCSPs();
     ASSERT_FALSE(all->empty()) << "no key providers on this machine";
     for (const auto& n : *all) EXPECT_FALSE(n.empty());
+    // Threads listing at once share nothing: each gets the whole list every time.
+    std::vector<std::thread> threads;
+    std::atomic<int> whole{0};
+    for (int t = 0; t < 2; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 20; ++i) whole += *CertStoreHelper::listCSPs() == *all;
+        });
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(whole, 40);
     {
         ProviderFaults f(0, never);  // a failing size query ends the list
         EXPECT_TRUE(CertStoreHelper::listCSPs()->empty());
+    }
+    {
+        ProviderFaults f(1, never);  // also when it is not the first
+        EXPECT_EQ(*CertStoreHelper::listCSPs(),
+                  std::vector<std::wstring>(all->begin(), all->begin() + 1));
     }
     ProviderFaults f(never, 0);
     raises([] { CertStoreHelper::listCSPs(); }, "GetCspNameFailed", 550);

@@ -51,8 +51,9 @@ struct Case {
     bool osslsigncodeAgrees;
 };
 
-// osslsigncode differs on one case: it reports success when any signature verifies, nested ones
-// included, while the Authenticode policy (and this verifier) judges only the primary signature.
+// osslsigncode differs in two ways: it reports success when any signature verifies, nested ones
+// included, while the Authenticode policy (and this verifier) judges only the primary signature;
+// and it accepts MD5, which Windows refuses (SHA-1 it still accepts).
 const Case kCases[] = {
     {"valid-sha256-pe32.exe", Status::Trusted, false, true},
     {"valid-sha256-pe32plus.exe", Status::Trusted, false, true},
@@ -76,6 +77,9 @@ const Case kCases[] = {
     {"expired-ts-rfc3161.exe", Status::Trusted, true, true},
     {"expired-ts-pkcs9.exe", Status::Trusted, true, true},
     {"expired-ts-not-tsa.exe", Status::BadTimestamp, true, true},
+    {"md5-digest.exe", Status::Unsupported, false, false},
+    {"md5-chain.exe", Status::Unsupported, false, false},
+    {"expired-ts-md5.exe", Status::BadTimestamp, true, false},
     {"text.txt", Status::NotPortableExecutable, false, true},
     {"empty.bin", Status::NotPortableExecutable, false, true},
     {"no-such-file.exe", Status::Unreadable, false, true},

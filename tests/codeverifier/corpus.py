@@ -8,9 +8,9 @@
   corpus.py second-signer FILE                         repeat the SignerInfo in the signer set
   corpus.py append FILE N                              append N bytes after the certificate table
   corpus.py truncate FILE N                            cut the last N bytes off the file
-  corpus.py timestamp FILE {rfc3161|pkcs9} TSACERT TSAKEY CHAIN WORKDIR
+  corpus.py timestamp FILE {rfc3161|pkcs9} TSACERT TSAKEY CHAIN WORKDIR [DIGEST]
         add a timestamp to the primary signature, made offline by `openssl ts` (RFC 3161) or
-        `openssl cms` (a PKCS #9 countersignature)
+        `openssl cms` (a PKCS #9 countersignature, signed with DIGEST, sha256 by default)
 """
 import os
 import struct
@@ -204,7 +204,7 @@ def second_signer(path):
     write(path, set_pkcs7(buf, ci.enc()))
 
 
-def timestamp(path, kind, tsa_cert, tsa_key, chain, work):
+def timestamp(path, kind, tsa_cert, tsa_key, chain, work, digest="sha256"):
     buf = read(path)
     _, der = get_pkcs7(buf)
     ci = parse_all(der)[0]
@@ -249,7 +249,7 @@ ess_cert_id_alg = sha256
             attr = tlv(0x30, oid("1.3.6.1.4.1.311.3.3.1") + tlv(0x31, f.read()))
     else:
         cms = os.path.join(work, "countersig.der")
-        run("cms", "-sign", "-binary", "-nodetach", "-nosmimecap", "-md", "sha256", "-in",
+        run("cms", "-sign", "-binary", "-nodetach", "-nosmimecap", "-md", digest, "-in",
             imprint, "-signer", tsa_cert, "-inkey", tsa_key, "-outform", "DER", "-out", cms)
         with open(cms, "rb") as f:
             tsa_ci = parse_all(f.read())[0]
@@ -298,7 +298,7 @@ def main(argv):
         buf = read(argv[2])
         write(argv[2], buf[:-int(argv[3])])
     elif cmd == "timestamp":
-        timestamp(*argv[2:8])
+        timestamp(*argv[2:9])
     else:
         sys.exit(__doc__)
 

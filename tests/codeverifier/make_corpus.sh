@@ -183,6 +183,19 @@ $PY timestamp expired-ts-not-tsa.exe pkcs9 pki/leaf.pem pki/leaf.key pki/inter.p
 sign leaf sha256 work/pe32plus.exe valid-ts-rfc3161.exe
 $PY timestamp valid-ts-rfc3161.exe rfc3161 pki/tsa.pem pki/tsa.key pki/inter.pem work
 
+# MD5, which Windows refuses for Authenticode: as the file digest, in a signature of the signer's
+# chain, and in a timestamp that would otherwise save an expired signer.
+sign leaf md5 work/pe32plus.exe md5-digest.exe
+key md5inter rsa
+issue md5inter "Test MD5-signed Intermediate" root v3_inter -days 7300 -md md5
+newca md5inter
+key md5leaf rsa
+issue md5leaf "Test Signer Under MD5" md5inter v3_codesign -days 3650
+cat pki/md5leaf.pem pki/md5inter.pem >pki/md5leaf-chain.pem
+sign md5leaf sha256 work/pe32plus.exe md5-chain.exe
+sign short sha256 work/pe32plus.exe expired-ts-md5.exe
+$PY timestamp expired-ts-md5.exe pkcs9 pki/tsa.pem pki/tsa.key pki/inter.pem work md5
+
 sign otherleaf sha256 work/pe32plus.exe work/primary-untrusted.exe
 sign leaf sha256 work/primary-untrusted.exe nested-untrusted-primary.exe -nest
 sign leaf sha256 work/pe32plus.exe work/primary-trusted.exe

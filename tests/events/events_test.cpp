@@ -45,6 +45,11 @@ TEST(Events, FamiliesCatchTheirOwnOnly) {
     }
     EXPECT_FALSE(wrongFamily);
     EXPECT_TRUE(generic);
+
+    // The other families, raised by the library itself, caught by their family class.
+    EXPECT_THROW(asn1::Certificate(nebratest::bytes({0x30, 0x00})), asn1::TarnError);
+    EXPECT_THROW(buffer::Utf8Decoder::decode(nebratest::bytes({0xFE})), buffer::BufferError);
+    EXPECT_THROW(pkcs11::CkAttributes().value(CKA_LABEL), pkcs11::Pkcs11Error);
 }
 
 TEST(Events, CloneRaiseAndParent) {

@@ -4,13 +4,13 @@
 // Control, either through the environment (read at C_GetFunctionList) or at run time through the
 // exported nebra_fault_* functions:
 //   NEBRA_FAULT_TARGET  path of the real module (default: the SoftHSM2 module of this build)
-//   NEBRA_FAULT         comma-separated rules "C_Name=RV" (every call fails with RV, hex or
-//   decimal),
-//                       "C_Name=RV@N" (only the N-th call from now fails), or "C_GetSlotList=empty"
-//                       (no slot reported), and "PINPAD=PIN": every token claims a PIN pad
-//                       (CKF_PROTECTED_AUTHENTICATION_PATH in C_GetTokenInfo) and a C_Login
-//                       without a PIN (null, length 0) logs in with PIN, as if typed on the
-//                       reader's keypad; a C_Login with a PIN is forwarded as it is
+//   NEBRA_FAULT         comma-separated rules: "C_Name=RV" (every call fails with RV, hex or
+//                       decimal), "C_Name=RV@N" (only the N-th call from now fails),
+//                       "C_GetSlotList=empty" (no slot reported), "C_FindObjects=batch:N" (at
+//                       most N handles per call, as cards hand them out), and "PINPAD=PIN": every
+//                       token claims a PIN pad (CKF_PROTECTED_AUTHENTICATION_PATH in
+//                       C_GetTokenInfo) and a C_Login without a PIN (null, length 0) logs in with
+//                       PIN, as if typed on the reader's keypad; a C_Login with a PIN is forwarded
 //   NEBRA_FAULT_COUNTS  file that receives "C_Name count" lines when the module is finalised
 #ifdef _WIN32
 #include <windows.h>
@@ -35,6 +35,7 @@ struct Rule {
     CK_RV rv = CKR_OK;
     long onlyCall = 0;  // 0: every call
     bool emptySlots = false;
+    CK_ULONG batch = 0;  // C_FindObjects: at most this many handles per call (0: as asked)
 };
 
 std::mutex gMutex;
@@ -65,6 +66,8 @@ void parseRules(const char* rules) {
         }
         if (value == "empty") {
             r.emptySlots = true;
+        } else if (value.compare(0, 6, "batch:") == 0) {
+            r.batch = std::strtoul(value.c_str() + 6, nullptr, 10);
         } else {
             std::size_t at = value.find('@');
             r.rv = std::strtoul(value.substr(0, at).c_str(), nullptr, 0);
@@ -152,9 +155,15 @@ CK_RV wFindObjectsInit(CK_SESSION_HANDLE s, CK_ATTRIBUTE_PTR t, CK_ULONG n) {
     if (CK_RV rv = fault("C_FindObjectsInit")) return rv;
     return gTarget->C_FindObjectsInit(s, t, n);
 }
+CK_ULONG batchLimit() {
+    std::lock_guard<std::mutex> lock(gMutex);
+    auto it = gRules.find("C_FindObjects");
+    return it == gRules.end() ? 0 : it->second.batch;
+}
 CK_RV wFindObjects(CK_SESSION_HANDLE s, CK_OBJECT_HANDLE_PTR h, CK_ULONG max, CK_ULONG_PTR count) {
     if (CK_RV rv = fault("C_FindObjects")) return rv;
-    return gTarget->C_FindObjects(s, h, max, count);
+    CK_ULONG limit = batchLimit();
+    return gTarget->C_FindObjects(s, h, limit && limit < max ? limit : max, count);
 }
 CK_RV wFindObjectsFinal(CK_SESSION_HANDLE s) {
     CK_RV rv = fault("C_FindObjectsFinal");

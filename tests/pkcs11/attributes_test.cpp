@@ -1,7 +1,9 @@
-// Attribute-set rules and certificate keys; no token needed, so these also run under Wine.
+// Attribute-set rules, certificate keys and module paths; no token needed, so these also run under
+// Wine.
 #include <cstddef>
 
 #include "nebralib/pkcs11/client.h"
+#include "platform/console.h"
 #include "support/testsupport.h"
 
 using pkcs11::CkAttributes;
@@ -67,4 +69,28 @@ TEST(CertKey, UpperCaseHexOfId) {
     auto key = makeCertKey(twenty);
     EXPECT_EQ(key.size(), 49u);
     for (wchar_t c : key) EXPECT_FALSE(c >= L'a' && c <= L'f');
+}
+
+// A module path reaches the loader as the caller gave it (bytes on Linux, ANSI code page text on
+// Windows), whether or not it is UTF-8, and a failed load names it without a decoding failure.
+// nebra turns its UTF-8 argument into that form, or says why it cannot.
+TEST(ModulePath, PassedOnUnchangedAndNamedByItsLoadFailure) {
+    const std::string latin1 = "nebra-no-such-module-caf\xE9.dll";
+    auto e = nebratest::expectEvent<pkcs11::Pkcs11Error_CryptokiError>(
+        [&] { pkcs11::Libraries::instance().load(latin1); });
+    EXPECT_EQ(e.line(), 40);
+    ASSERT_NE(e.param(L"MODULE"), nullptr);
+    EXPECT_EQ(nebratest::u8(*e.param(L"MODULE")), "nebra-no-such-module-caf\xC3\xA9.dll");
+    EXPECT_EQ(pkcs11::Libraries::instance().loadCount(latin1), 0);
+
+    const std::string cjk = "\xE4\xB8\xAD.dll", cafe = "caf\xC3\xA9.dll";  // U+4E2D, U+00E9
+    std::string narrow;
+    if (nebratest::runningUnderWine()) {  // Windows-1252
+        EXPECT_FALSE(platform::console::narrowPath(cjk, narrow));
+        ASSERT_TRUE(platform::console::narrowPath(cafe, narrow));
+        EXPECT_EQ(narrow, "caf\xE9.dll");
+    } else {
+        ASSERT_TRUE(platform::console::narrowPath(cjk, narrow));
+        EXPECT_EQ(narrow, cjk);
+    }
 }

@@ -35,12 +35,14 @@ protected:
         w.addCertificate(pkiCert("leaf1"), "\x10", "Alice \xC3\xA9");
         w.addKeyPair("\x10");
         w.addCertificate(pkiCert("ku-no-certsign"), "\x10", "same id as Alice");
-        w.addCertificate(pkiCert("leaf2"), "\x11", "Bob");
+        w.addCertificate(pkiCert("leaf2"), "\x11", "Bob \xC3\xA9");
         w.addKeyPair("\x11");
         w.addCertificate(pkiCert("leaf3"), "\x12", "");  // no key, empty label
         w.addCertificate(pkiCert("selfsigned"), "\x20", "Device");
         w.addKeyPair("\x20");
         w.addCertificate(pkiCert("bc-only-ca"), "", "empty id");
+        w.addKeyPair("");  // an empty CKA_ID matches only the empty one
+        w.addCertificate(pkiCert("certsign-not-ca"), "\x13", "keyCertSign, cA FALSE");
     }
     void TearDown() override { SoftHsm::setFaults(""); }
 
@@ -53,13 +55,17 @@ protected:
 TEST_F(Harvest, SortsIntoFourMaps) {
     Pkcs11Helper helper(module);
     helper.login(pin("1234"));
-    // A session object created on the helper's token must not be read.
-    nebratest::TokenWriter w(module, "harvest", "1234");
+    // Neither a session object nor a certificate of another type on the helper's token is read
+    // (the latter's value is no DER certificate and would fail the whole call).
+    nebratest::TokenWriter w(module, "harvest");
     w.addCertificate(pkiCert("leaf3"), "\x77", "session only", /*tokenObject=*/false);
+    w.addCertificate(nebratest::bytes({0x99, 0x01}), "\x78", "OpenPGP", true, CKC_OPENPGP);
 
     std::unique_ptr<CertListPackage> all = helper.getAllCerts();
     EXPECT_EQ(keys(all->rootCerts), (std::vector<std::string>{"CKAIDHEX:01", "CKAIDHEX:20"}));
-    EXPECT_EQ(keys(all->caCerts), (std::vector<std::string>{"CKAIDHEX:", "CKAIDHEX:02"}));
+    // Key usage decides over basic constraints: keyCertSign with cA FALSE (13) is a CA.
+    EXPECT_EQ(keys(all->caCerts),
+              (std::vector<std::string>{"CKAIDHEX:", "CKAIDHEX:02", "CKAIDHEX:13"}));
     EXPECT_EQ(keys(all->certsWithPrivateKey),
               (std::vector<std::string>{"CKAIDHEX:10", "CKAIDHEX:11"}));
     EXPECT_EQ(keys(all->otherCerts), (std::vector<std::string>{"CKAIDHEX:12"}));
@@ -86,30 +92,42 @@ TEST_F(Harvest, SortsIntoFourMaps) {
         EXPECT_EQ(ten.certificate.der(), idAttr.value(CKA_VALUE));
         finder.final();
     }
-    if (sameCert(ten, "leaf1")) {
-        EXPECT_EQ(ten.label, buffer::Buffer<wchar_t>(L"Alice \u00E9"));  // label decoded from UTF-8
-    }
+    EXPECT_EQ(ten.label, buffer::Buffer<wchar_t>(sameCert(ten, "leaf1") ? L"Alice \u00E9"
+                                                                        : L"same id as Alice"));
+    // Labels are decoded from UTF-8.
+    EXPECT_EQ(all->certsWithPrivateKey.at(buffer::wide(L"CKAIDHEX:11")).label,
+              buffer::Buffer<wchar_t>(L"Bob \u00E9"));
 
     // With a private key: CA and self-signed ones too, unlike getAllCerts.
     std::unique_ptr<CertMap> withKey = helper.getCertsWithPrivateKey();
-    EXPECT_EQ(keys(*withKey), (std::vector<std::string>{"CKAIDHEX:02", "CKAIDHEX:10", "CKAIDHEX:11",
-                                                        "CKAIDHEX:20"}));
+    EXPECT_EQ(keys(*withKey), (std::vector<std::string>{"CKAIDHEX:", "CKAIDHEX:02", "CKAIDHEX:10",
+                                                        "CKAIDHEX:11", "CKAIDHEX:20"}));
     EXPECT_TRUE(sameCert(withKey->at(buffer::wide(L"CKAIDHEX:02")), "ca"));
 
     std::unique_ptr<CertMap> others = helper.getOtherCerts();
     EXPECT_EQ(keys(*others), keys(all->otherCerts));
 }
 
-TEST_F(Harvest, OneAttributeCallPerObjectAndBatchedSearch) {
+TEST_F(Harvest, OneAttributeCallPerObjectAndSearchesRunToTheEmptyBatch) {
     Pkcs11Helper helper(module);
     helper.login(pin("1234"));
     SoftHsm::setFaults("");
-    helper.getAllCerts();
-    // 8 certificates and 4 private keys whose values fit the first buffers: one call each.
-    EXPECT_EQ(SoftHsm::faultCount("C_GetAttributeValue"), 8 + 4);
+    auto whole = helper.getAllCerts();
+    // 9 certificates and 5 private keys whose values fit the first buffers: one call each.
+    EXPECT_EQ(SoftHsm::faultCount("C_GetAttributeValue"), 9 + 5);
     EXPECT_EQ(SoftHsm::faultCount("C_FindObjectsInit"), 2);
-    EXPECT_EQ(SoftHsm::faultCount("C_FindObjects"), 2);  // one batch per search
+    EXPECT_EQ(SoftHsm::faultCount("C_FindObjects"), 2 * 2);  // one batch, then the empty one
     EXPECT_EQ(SoftHsm::faultCount("C_FindObjectsFinal"), 2);
+    // Cards hand out a few handles per call while more remain: only an empty batch ends a search.
+    auto all = [](const CertListPackage& p) {
+        return std::vector<std::vector<std::string>>{
+            keys(p.rootCerts), keys(p.caCerts), keys(p.certsWithPrivateKey), keys(p.otherCerts)};
+    };
+    for (int n : {1, 2}) {
+        SoftHsm::setFaults("C_FindObjects=batch:" + std::to_string(n));
+        EXPECT_EQ(all(*helper.getAllCerts()), all(*whole)) << n << " per batch";
+        EXPECT_EQ(SoftHsm::faultCount("C_FindObjects"), (9 + n - 1) / n + 1 + (5 + n - 1) / n + 1);
+    }
 }
 
 TEST_F(Harvest, CryptokiFailuresCloseTheSearch) {
@@ -124,7 +142,7 @@ TEST_F(Harvest, CryptokiFailuresCloseTheSearch) {
         EXPECT_EQ(nebratest::u8(*e.param(L"CRYPTOKY_ERROR_CODE")), "48");
         // A search left open would make the next C_FindObjectsInit fail (operation active).
         SoftHsm::setFaults("");
-        EXPECT_EQ(helper.getAllCerts()->caCerts.size(), 2u);
+        EXPECT_EQ(helper.getAllCerts()->caCerts.size(), 3u);
     }
 }
 
@@ -140,7 +158,7 @@ TEST(HarvestBadObjects, EmptyTokenInvalidLabelAndNonDerValue) {
                 all->certsWithPrivateKey.empty() && all->otherCerts.empty());
     EXPECT_TRUE(helper.getCertsWithPrivateKey()->empty());
 
-    nebratest::TokenWriter w(module, "bad", "1234");
+    nebratest::TokenWriter w(module, "bad");
     // A label too long for the first buffer is read again the standard way: sizing, then value.
     CK_OBJECT_HANDLE longLabel = w.addCertificate(pkiCert("leaf2"), "\x05", std::string(5000, 'x'));
     SoftHsm::setFaults("");

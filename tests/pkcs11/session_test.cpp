@@ -36,8 +36,10 @@ TEST_F(Session, LoginTwiceReplacesSessionAndTeardownUnloads) {
         EXPECT_EQ(pkcs11::Libraries::instance().loadCount(fault), 1);
         EXPECT_EQ(SoftHsm::faultCount("C_OpenSession"), 0);  // construction opens no session
         helper.login(pin("1234"));
-        helper.login(pin("1234"));
-        // The second login opens its session before closing the first.
+        // The module keeps one login per application and refuses a second one before it looks
+        // at the PIN: the refusal reaches the caller, so a wrong PIN is never taken for right.
+        expectCryptokiCode([&] { helper.login(pin("0000")); }, "256");
+        // The second login opened its session before closing the first.
         EXPECT_EQ(SoftHsm::faultCount("C_OpenSession"), 2);
         EXPECT_EQ(SoftHsm::faultCount("C_CloseSession"), 1);
         EXPECT_EQ(SoftHsm::faultCount("C_Login"), 2);
@@ -182,9 +184,9 @@ TEST_F(Session, TwoHelpersShareOneModuleInstance) {
     EXPECT_EQ(pkcs11::Libraries::instance().loadCount(SoftHsm::faultModule()), 2);
     EXPECT_EQ(SoftHsm::faultCount("C_Initialize"), 1);
     a->login(pin("1234"));
-    b->login(pin("1234"));
-    a.reset();
+    a.reset();  // closing the application's last session ends its login
     EXPECT_EQ(SoftHsm::faultCount("C_Finalize"), 0);  // still in use by b
+    b->login(pin("1234"));
     EXPECT_NO_THROW(b->getAllCerts());
     b.reset();
     EXPECT_EQ(SoftHsm::faultCount("C_Finalize"), 1);

@@ -7,12 +7,13 @@
 #   selfsigned.der      self-signed end-entity certificate (no CA bits)
 #   bc-only-ca.der      CA by basic constraints only (no key usage), signed by root
 #   ku-no-certsign.der  key usage without keyCertSign but basic constraints cA=TRUE, signed by root
+#   certsign-not-ca.der key usage with keyCertSign but basic constraints cA=FALSE, signed by root
 # Usage: make-pki.sh OUTDIR
 set -euo pipefail
 out=$1
 mkdir -p "$out"
 cd "$out"
-[ -f .done ] && exit 0
+[ -f .done-2 ] && exit 0
 cat > ext.cnf <<'CNF'
 [root]
 basicConstraints=critical,CA:TRUE
@@ -31,6 +32,9 @@ basicConstraints=critical,CA:TRUE
 [kunocertsign]
 basicConstraints=critical,CA:TRUE
 keyUsage=critical,digitalSignature
+[certsignnotca]
+basicConstraints=critical,CA:FALSE
+keyUsage=critical,digitalSignature,keyCertSign
 CNF
 key() { openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$1.key" 2>/dev/null; }
 selfsign() { # name subject section
@@ -53,4 +57,5 @@ issue leaf3 "/C=ES/O=Nebra Test/CN=Carol No Key" ca leaf
 selfsign selfsigned "/O=Nebra Test/CN=Self Signed Device" selfsigned
 issue bc-only-ca "/O=Nebra Test/CN=Basic Constraints CA" root bconly
 issue ku-no-certsign "/O=Nebra Test/CN=Key Usage Without CertSign" root kunocertsign
-touch .done
+issue certsign-not-ca "/O=Nebra Test/CN=CertSign Without CA" root certsignnotca
+touch .done-2

@@ -38,6 +38,11 @@ void unsetEnv(const char* name) {
 }
 
 // Runs a program with its arguments, output discarded; returns its exit status.
+// An attribute length: CK_ULONG is 32 bits on Windows.
+CK_ULONG len(std::size_t n) {
+    return static_cast<CK_ULONG>(n);
+}
+
 int runProgram(const std::vector<std::string>& argv) {
 #ifdef _WIN32
     std::string line;
@@ -200,6 +205,7 @@ TokenWriter::TokenWriter(const std::string& module, const std::string& tokenLabe
         if (u8(pkcs11::CkToken(slot).info().label) != tokenLabel) continue;
         session_.reset(new pkcs11::CkSession(true, lib_, 0));
         session_->open(slot.id, CKF_SERIAL_SESSION | CKF_RW_SESSION);
+        if (pin.empty()) return;
         buffer::Buffer<unsigned char> p(reinterpret_cast<const unsigned char*>(pin.data()),
                                         pin.size());
         session_->login(CKU_USER, buffer::BufferRange<unsigned char>(p));
@@ -216,9 +222,8 @@ TokenWriter::~TokenWriter() {
 
 CK_OBJECT_HANDLE TokenWriter::addCertificate(const buffer::Buffer<unsigned char>& der,
                                              const std::string& id, const std::string& label,
-                                             bool tokenObject) {
+                                             bool tokenObject, CK_CERTIFICATE_TYPE type) {
     CK_OBJECT_CLASS cls = CKO_CERTIFICATE;
-    CK_CERTIFICATE_TYPE type = CKC_X_509;
     CK_BBOOL tok = tokenObject ? CK_TRUE : CK_FALSE;
     // CKA_SUBJECT is required by the module; a value that does not decode gets an empty one.
     std::string subject;
@@ -228,13 +233,13 @@ CK_OBJECT_HANDLE TokenWriter::addCertificate(const buffer::Buffer<unsigned char>
     } catch (const orvo::GenericEvent&) {
     }
     CK_ATTRIBUTE t[] = {
-        {CKA_SUBJECT, &subject[0], subject.size()},
+        {CKA_SUBJECT, &subject[0], len(subject.size())},
         {CKA_CLASS, &cls, sizeof cls},
         {CKA_CERTIFICATE_TYPE, &type, sizeof type},
         {CKA_TOKEN, &tok, sizeof tok},
-        {CKA_VALUE, const_cast<unsigned char*>(der.c_str()), der.size()},
-        {CKA_ID, const_cast<char*>(id.data()), id.size()},
-        {CKA_LABEL, const_cast<char*>(label.data()), label.size()},
+        {CKA_VALUE, const_cast<unsigned char*>(der.c_str()), len(der.size())},
+        {CKA_ID, const_cast<char*>(id.data()), len(id.size())},
+        {CKA_LABEL, const_cast<char*>(label.data()), len(label.size())},
     };
     CK_OBJECT_HANDLE h = 0;
     CK_RV rv = session_->functions()->C_CreateObject(session_->handle(), t, 7, &h);
@@ -252,15 +257,15 @@ void TokenWriter::addKeyPair(const std::string& id, const std::string& label) {
     CK_ATTRIBUTE pub[] = {
         {CKA_TOKEN, &yes, sizeof yes},
         {CKA_EC_PARAMS, const_cast<unsigned char*>(p256), sizeof p256},
-        {CKA_ID, const_cast<char*>(id.data()), id.size()},
-        {CKA_LABEL, const_cast<char*>(label.data()), label.size()},
+        {CKA_ID, const_cast<char*>(id.data()), len(id.size())},
+        {CKA_LABEL, const_cast<char*>(label.data()), len(label.size())},
     };
     CK_ATTRIBUTE priv[] = {
         {CKA_TOKEN, &yes, sizeof yes},
         {CKA_PRIVATE, &yes, sizeof yes},
         {CKA_SIGN, &yes, sizeof yes},
-        {CKA_ID, const_cast<char*>(id.data()), id.size()},
-        {CKA_LABEL, const_cast<char*>(label.data()), label.size()},
+        {CKA_ID, const_cast<char*>(id.data()), len(id.size())},
+        {CKA_LABEL, const_cast<char*>(label.data()), len(label.size())},
     };
     CK_OBJECT_HANDLE hp = 0, hk = 0;
     CK_RV rv = session_->functions()->C_GenerateKeyPair(session_->handle(), &mech, pub, 4, priv, 5,

@@ -37,14 +37,18 @@ private:
     bool hadPreviousConf_ = false;
 };
 
-// A logged-in session of our own on a token, for provisioning objects through Cryptoki.
+// A logged-in session of our own on a token, for provisioning objects through Cryptoki. The module
+// keeps one login per application: without a PIN the writer joins the login that the process
+// already holds on that module (a second C_Login would be refused).
 class TokenWriter {
 public:
-    TokenWriter(const std::string& module, const std::string& tokenLabel, const std::string& pin);
+    TokenWriter(const std::string& module, const std::string& tokenLabel,
+                const std::string& pin = "");
     ~TokenWriter();
     // A certificate object from DER with the given CKA_ID and raw CKA_LABEL bytes.
     CK_OBJECT_HANDLE addCertificate(const buffer::Buffer<unsigned char>& der, const std::string& id,
-                                    const std::string& label, bool tokenObject = true);
+                                    const std::string& label, bool tokenObject = true,
+                                    CK_CERTIFICATE_TYPE type = CKC_X_509);
     // An EC key pair whose private key carries CKA_ID `id`.
     void addKeyPair(const std::string& id, const std::string& label = "key");
     pkcs11::CkSession& session() { return *session_; }

@@ -1,6 +1,7 @@
 #include "tools/nebra/token_common.h"
 
 #include <fstream>
+#include <stdexcept>
 
 #include "platform/console.h"
 #include "platform/modules.h"
@@ -10,11 +11,25 @@ namespace nebra {
 using pkcs11::certstoreupdater::Pkcs11Helper;
 using pkcs11::certstoreupdater::Pkcs11Uri;
 
+namespace {
+// The module file as the platform's loader takes it (the ANSI code page on Windows).
+std::string narrowModulePath(const std::string& path) {
+    std::string narrow;
+    if (!platform::console::narrowPath(path, narrow))
+        throw std::runtime_error("the module path '" + path +
+                                 "' has characters that the system's ANSI code page cannot "
+                                 "express; give the module a path (or short name) without them");
+    return narrow;
+}
+}  // namespace
+
 std::string resolveModule(const std::string& pathOrName) {
-    if (pathOrName.find('/') != std::string::npos || pathOrName.find('\\') != std::string::npos)
-        return pathOrName;
-    std::string found = platform::modules::findRegisteredModule(pathOrName);
-    return found.empty() ? pathOrName : found;
+    std::string path = pathOrName;
+    if (path.find('/') == std::string::npos && path.find('\\') == std::string::npos) {
+        std::string found = platform::modules::findRegisteredModule(path);
+        if (!found.empty()) path = found;
+    }
+    return narrowModulePath(path);
 }
 
 TokenChoice chooseToken(const Args& args) {
@@ -32,7 +47,7 @@ TokenChoice chooseToken(const Args& args) {
             "the URI carries a PIN (pin-value); a PIN is never taken from the command line: use "
             "pin-source=file:FILE, --pin-env VAR or --pin-file FILE");
     if (choice.uri.hasQuery("module-path")) {
-        choice.module = choice.uri.query("module-path");
+        choice.module = narrowModulePath(choice.uri.query("module-path"));
     } else if (choice.uri.hasQuery("module-name")) {
         choice.module = resolveModule(choice.uri.query("module-name"));
     } else {

@@ -11,7 +11,9 @@
 namespace nebra {
 
 // A module given as a path is used as it is; a bare name is looked up among the modules
-// registered with p11-kit (by module name or file name).
+// registered with p11-kit (by module name or file name). The result is the narrow path the
+// library loads (on Windows in the ANSI code page); a path that cannot be expressed there raises
+// std::runtime_error with the reason.
 std::string resolveModule(const std::string& pathOrName);
 
 // What --module names: a module file, a p11-kit module name, or a PKCS#11 URI choosing a token

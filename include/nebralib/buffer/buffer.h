@@ -57,7 +57,12 @@ struct Block {
             std::free(h);
         }
     }
-    static std::uint64_t grownCapacity(std::uint64_t n) { return n + n / 2 + 16; }
+    // n + n/2 + 16; a size whose growth would not fit in 64 bits cannot be allocated anyway.
+    static std::uint64_t grownCapacity(std::uint64_t n) {
+        std::uint64_t grown = n + n / 2 + 16;
+        if (grown < n) throw std::bad_alloc();
+        return grown;
+    }
 };
 
 }  // namespace detail
@@ -198,8 +203,10 @@ private:
         if (!ptr_ || n > Blk::header(ptr_)->capacity || useCount() > 1)
             reallocate(len_, Blk::grownCapacity(n));
     }
+    // A fresh block of at least `cap` units holding the first `keep` units (never fewer than it
+    // keeps: a shrinking reserve of a shared block must not write past the new block).
     void reallocate(std::size_t keep, std::uint64_t cap) {
-        T* fresh = Blk::allocate(cap);
+        T* fresh = Blk::allocate(std::max<std::uint64_t>(cap, keep));
         if (keep) std::memcpy(fresh, ptr_, keep * sizeof(T));
         fresh[keep] = T();
         Blk::release(ptr_);

@@ -78,5 +78,11 @@ inline std::string toUtf8(const std::wstring& s) {
     return toUtf8(s.data(), s.size());
 }
 NEBRALIB_EXPORT std::wstring fromUtf8(const std::string& s);
+// Text from bytes that are usually UTF-8 but need not be (file paths, loader messages, token
+// texts): decoded as UTF-8 when they are, else one unit per byte. Never raises a codec event.
+NEBRALIB_EXPORT Buffer<wchar_t> utf8OrBytes(const unsigned char* p, std::size_t n);
+inline Buffer<wchar_t> utf8OrBytes(const std::string& s) {
+    return utf8OrBytes(reinterpret_cast<const unsigned char*>(s.data()), s.size());
+}
 
 }  // namespace buffer
