@@ -18,12 +18,12 @@ else()
     set(CPACK_GENERATOR DEB)
     set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
     set(CPACK_DEBIAN_PACKAGE_SECTION utils)
+    # The extended description below the summary line.
     set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
-        "Keeps certificate stores in step with the certificates on a PKCS#11 token
- The nebra tool and the nebralib library read the certificates of a PKCS#11 token, sort them
- into root, CA, has-a-private-key and other certificates, and write them into a per-user
- certificate store bound to a key container of a PKCS#11 module registered with p11-kit.
- Headers, a CMake package and a pkg-config file are included for programs that use the library.")
+        "The nebra tool and the nebralib library read the certificates of a PKCS#11 token, sort
+them into root, CA, has-a-private-key and other certificates, and write them into a per-user
+certificate store bound to a key container of a PKCS#11 module registered with p11-kit.
+Headers, a CMake package and a pkg-config file are included for programs that use the library.")
     # Depends: the runtime packages of the libraries the binaries link (dpkg-shlibdeps).
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
     set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
