@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
-bash scripts/deps.sh
+bash scripts/deps.sh demo
 . scripts/softhsm.sh
 if [ -n "${NEBRA_BIN:-}" ]; then
   NEBRA=$NEBRA_BIN  # an already built tool (the test run uses its own build)

@@ -1,18 +1,32 @@
 #!/usr/bin/env bash
-# Installs everything the builds, tests and demo need on Debian 12. Idempotent: apt is only asked
+# Installs what the demo or the builds and tests need on Debian 12. Idempotent: apt is only asked
 # when a package is missing.
+#   deps.sh demo   the native build and the demo: compiler, CMake, OpenSSL, SQLite, p11-kit,
+#                  SoftHSM2, OpenSC's pkcs11-tool, Boost.Filesystem
+#   deps.sh        everything: the above, and GoogleTest, Google Benchmark, clang for fuzzing, the
+#                  mingw-w64 cross toolchain, Wine, and the tools the tests and packages use
 set -euo pipefail
 
-PACKAGES=(
-  build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
+DEMO_PACKAGES=(
+  build-essential cmake ninja-build pkg-config
+  libssl-dev openssl libsqlite3-dev libp11-kit-dev
+  softhsm2 opensc libboost-filesystem-dev
+)
+TEST_PACKAGES=(
+  clang libclang-rt-14-dev
   libgtest-dev googletest libbenchmark-dev
-  libssl-dev openssl ca-certificates libsqlite3-dev sqlite3
-  libp11-kit-dev p11-kit softhsm2 opensc gnutls-bin
-  libboost-dev libboost-filesystem-dev
+  ca-certificates sqlite3 p11-kit gnutls-bin libboost-dev
   g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64
   attr osslsigncode python3 bc
-  dpkg-dev xz-utils patch perl
+  dpkg-dev file xz-utils patch perl
 )
+APT_OPTIONS=()
+case "${1:-all}" in
+  # The demo also leaves out what its packages only recommend (a smart-card daemon, documentation).
+  demo) PACKAGES=("${DEMO_PACKAGES[@]}"); APT_OPTIONS=(--no-install-recommends) ;;
+  all|test) PACKAGES=("${DEMO_PACKAGES[@]}" "${TEST_PACKAGES[@]}") ;;
+  *) echo "usage: deps.sh [demo]" >&2; exit 2 ;;
+esac
 
 SUDO=""
 if [ "$(id -u)" != 0 ]; then SUDO="sudo"; fi
@@ -24,5 +38,5 @@ done
 if [ ${#missing[@]} -gt 0 ]; then
   echo "deps: installing ${missing[*]}"
   $SUDO apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${missing[@]}" >/dev/null
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${APT_OPTIONS[@]}" "${missing[@]}" >/dev/null
 fi

@@ -6,6 +6,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "nebralib/version.h"
 #include "platform/console.h"
 #include "tools/nebra/messages.h"
 
@@ -168,7 +169,7 @@ int main(int argc, char** argv) {
         return args.empty() ? 2 : 0;
     }
     if (args[0] == "--version") {
-        std::cout << "nebra 0.1.0\n";
+        std::cout << "nebra " NEBRALIB_VERSION "\n";
         return 0;
     }
     auto it = nebra::commands().find(args[0]);
