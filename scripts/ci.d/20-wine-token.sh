@@ -9,8 +9,7 @@ ROOT=$PWD
 BUILD=${NEBRA_BUILD:-$ROOT/build}
 MINGW=${NEBRA_BUILD_MINGW:-$ROOT/build-mingw}
 export WINEDEBUG=-all DISPLAY=
-# The test programs (not what ships) find the toolchain's runtime DLLs as the Windows tests do.
-export WINEPATH="$(dirname "$(x86_64-w64-mingw32-g++-posix -print-file-name=libstdc++-6.dll)");/usr/x86_64-w64-mingw32/lib"
+export WINEPATH=  # every program carries the GCC runtime itself
 start=$(date +%s)
 
 HSM=$(bash scripts/build-softhsm-mingw.sh | tail -n 1)
