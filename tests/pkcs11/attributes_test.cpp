@@ -16,7 +16,7 @@ void expectCryptoki(const std::function<void()>& f, int line, const char* code) 
 }
 }  // namespace
 
-TEST(CkAttributes, TemplateValuesAndSetRules) {
+TEST(CkAttributes, TemplateValuesSetRulesAndReadBack) {
     CkAttributes t;
     t.addUlong(CKA_CLASS, CKO_CERTIFICATE)
         .addBool(CKA_TOKEN, true)
@@ -43,9 +43,7 @@ TEST(CkAttributes, TemplateValuesAndSetRules) {
     expectCryptoki([&] { t.add(CKA_CLASS); }, 156, "209");
     expectCryptoki([&] { t.value(CKA_LABEL); }, 315, "18");
     EXPECT_EQ(t.size(), 3u);  // a refused add leaves the set as it was
-}
 
-TEST(CkAttributes, ReadBackWithoutBuffer) {
     CkAttributes r;
     r.add(CKA_VALUE).add(CKA_LABEL);
     // No buffer and length 0: an empty value.
