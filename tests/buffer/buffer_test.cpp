@@ -7,7 +7,7 @@
 using buffer::Buffer;
 using buffer::TmpBuffer;
 
-TEST(Buffer, SharingCopyOnWriteAndTermination) {
+TEST(Buffer, SharingCopyOnWriteTerminationAndOrdering) {
     Buffer<wchar_t> empty;
     EXPECT_EQ(empty.data(), nullptr);
     EXPECT_EQ(empty.size(), 0u);
@@ -40,6 +40,13 @@ TEST(Buffer, SharingCopyOnWriteAndTermination) {
     s2.resize(2);
     EXPECT_STREQ(s2.c_str(), "ab");
     EXPECT_STREQ(s1.c_str(), "abcdef");
+
+    // Ordering is unit-wise.
+    EXPECT_TRUE(Buffer<wchar_t>(L"CKAIDHEX:01") < Buffer<wchar_t>(L"CKAIDHEX:01AB"));
+    EXPECT_TRUE(Buffer<wchar_t>(L"CKAIDHEX:0A") < Buffer<wchar_t>(L"CKAIDHEX:A0"));
+    EXPECT_FALSE(Buffer<wchar_t>(L"b") < Buffer<wchar_t>(L"a"));
+    EXPECT_TRUE(Buffer<wchar_t>() < Buffer<wchar_t>(L"a"));
+    EXPECT_EQ(Buffer<wchar_t>(), Buffer<wchar_t>(L""));
 }
 
 TEST(Buffer, GrowthIsHalfPlusSixteenAndNeverLosesUnits) {
@@ -62,14 +69,6 @@ TEST(Buffer, GrowthIsHalfPlusSixteenAndNeverLosesUnits) {
     // A size whose growth does not fit in 64 bits is refused, not wrapped round to a small block.
     EXPECT_THROW(r2.resize(std::numeric_limits<std::size_t>::max() / 3 * 2 + 16), std::bad_alloc);
     EXPECT_STREQ(r2.c_str(), "abcdefghijk");
-}
-
-TEST(Buffer, OrderingIsUnitWise) {
-    EXPECT_TRUE(Buffer<wchar_t>(L"CKAIDHEX:01") < Buffer<wchar_t>(L"CKAIDHEX:01AB"));
-    EXPECT_TRUE(Buffer<wchar_t>(L"CKAIDHEX:0A") < Buffer<wchar_t>(L"CKAIDHEX:A0"));
-    EXPECT_FALSE(Buffer<wchar_t>(L"b") < Buffer<wchar_t>(L"a"));
-    EXPECT_TRUE(Buffer<wchar_t>() < Buffer<wchar_t>(L"a"));
-    EXPECT_EQ(Buffer<wchar_t>(), Buffer<wchar_t>(L""));
 }
 
 TEST(TmpBuffer, InlineUpToFifteenUnitsThenHeap) {

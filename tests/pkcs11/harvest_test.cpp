@@ -4,14 +4,10 @@
 
 using namespace pkcs11::certstoreupdater;
 using nebratest::pkiCert;
+using nebratest::raw;
 using nebratest::SoftHsm;
 
 namespace {
-
-buffer::Buffer<unsigned char> pin(const std::string& s) {
-    return buffer::Buffer<unsigned char>(reinterpret_cast<const unsigned char*>(s.data()),
-                                         s.size());
-}
 
 std::vector<std::string> keys(const CertMap& m) {
     std::vector<std::string> out;
@@ -52,9 +48,38 @@ protected:
 
 }  // namespace
 
-TEST_F(Harvest, SortsIntoFourMaps) {
+TEST_F(Harvest, SearchesRunToTheEmptyBatchFailuresCloseThemAndCertificatesSortIntoFourMaps) {
     Pkcs11Helper helper(module);
-    helper.login(pin("1234"));
+    helper.login(raw("1234"));
+    SoftHsm::setFaults("");
+    auto whole = helper.getAllCerts();
+    // 9 certificates and 5 private keys whose values fit the first buffers: one call each.
+    EXPECT_EQ(SoftHsm::faultCount("C_GetAttributeValue"), 9 + 5);
+    EXPECT_EQ(SoftHsm::faultCount("C_FindObjectsInit"), 2);
+    EXPECT_EQ(SoftHsm::faultCount("C_FindObjects"), 2 * 2);  // one batch, then the empty one
+    EXPECT_EQ(SoftHsm::faultCount("C_FindObjectsFinal"), 2);
+    // Cards hand out a few handles per call while more remain: only an empty batch ends a search.
+    auto sorted = [](const CertListPackage& p) {
+        return std::vector<std::vector<std::string>>{
+            keys(p.rootCerts), keys(p.caCerts), keys(p.certsWithPrivateKey), keys(p.otherCerts)};
+    };
+    for (int n : {1, 2}) {
+        SoftHsm::setFaults("C_FindObjects=batch:" + std::to_string(n));
+        EXPECT_EQ(sorted(*helper.getAllCerts()), sorted(*whole)) << n << " per batch";
+        EXPECT_EQ(SoftHsm::faultCount("C_FindObjects"), (9 + n - 1) / n + 1 + (5 + n - 1) / n + 1);
+    }
+
+    // Cryptoki failures close the search.
+    for (const char* rule :
+         {"C_GetAttributeValue=0x30@5", "C_FindObjects=0x30", "C_FindObjectsInit=0x30@2"}) {
+        SCOPED_TRACE(rule);
+        SoftHsm::setFaults(rule);
+        nebratest::expectCryptoki([&] { helper.getAllCerts(); }, "48");
+        // A search left open would make the next C_FindObjectsInit fail (operation active).
+        SoftHsm::setFaults("");
+        EXPECT_EQ(helper.getAllCerts()->caCerts.size(), 3u);
+    }
+
     // Neither a session object nor a certificate of another type on the helper's token is read
     // (the latter's value is no DER certificate and would fail the whole call).
     nebratest::TokenWriter w(module, "harvest");
@@ -108,51 +133,13 @@ TEST_F(Harvest, SortsIntoFourMaps) {
     EXPECT_EQ(keys(*others), keys(all->otherCerts));
 }
 
-TEST_F(Harvest, OneAttributeCallPerObjectAndSearchesRunToTheEmptyBatch) {
-    Pkcs11Helper helper(module);
-    helper.login(pin("1234"));
-    SoftHsm::setFaults("");
-    auto whole = helper.getAllCerts();
-    // 9 certificates and 5 private keys whose values fit the first buffers: one call each.
-    EXPECT_EQ(SoftHsm::faultCount("C_GetAttributeValue"), 9 + 5);
-    EXPECT_EQ(SoftHsm::faultCount("C_FindObjectsInit"), 2);
-    EXPECT_EQ(SoftHsm::faultCount("C_FindObjects"), 2 * 2);  // one batch, then the empty one
-    EXPECT_EQ(SoftHsm::faultCount("C_FindObjectsFinal"), 2);
-    // Cards hand out a few handles per call while more remain: only an empty batch ends a search.
-    auto all = [](const CertListPackage& p) {
-        return std::vector<std::vector<std::string>>{
-            keys(p.rootCerts), keys(p.caCerts), keys(p.certsWithPrivateKey), keys(p.otherCerts)};
-    };
-    for (int n : {1, 2}) {
-        SoftHsm::setFaults("C_FindObjects=batch:" + std::to_string(n));
-        EXPECT_EQ(all(*helper.getAllCerts()), all(*whole)) << n << " per batch";
-        EXPECT_EQ(SoftHsm::faultCount("C_FindObjects"), (9 + n - 1) / n + 1 + (5 + n - 1) / n + 1);
-    }
-}
-
-TEST_F(Harvest, CryptokiFailuresCloseTheSearch) {
-    Pkcs11Helper helper(module);
-    helper.login(pin("1234"));
-    for (const char* rule :
-         {"C_GetAttributeValue=0x30@5", "C_FindObjects=0x30", "C_FindObjectsInit=0x30@2"}) {
-        SCOPED_TRACE(rule);
-        SoftHsm::setFaults(rule);
-        auto e = nebratest::expectEvent<pkcs11::Pkcs11Error_CryptokiError>(
-            [&] { helper.getAllCerts(); });
-        EXPECT_EQ(nebratest::u8(*e.param(L"CRYPTOKY_ERROR_CODE")), "48");
-        // A search left open would make the next C_FindObjectsInit fail (operation active).
-        SoftHsm::setFaults("");
-        EXPECT_EQ(helper.getAllCerts()->caCerts.size(), 3u);
-    }
-}
-
 TEST(HarvestBadObjects, EmptyTokenInvalidLabelAndNonDerValue) {
     SoftHsm::setFaults("");
     SoftHsm hsm;
     hsm.initToken("bad", "1234");
     const std::string module = SoftHsm::faultModule();
     Pkcs11Helper helper(module);
-    helper.login(pin("1234"));
+    helper.login(raw("1234"));
     auto all = helper.getAllCerts();
     EXPECT_TRUE(all->rootCerts.empty() && all->caCerts.empty() &&
                 all->certsWithPrivateKey.empty() && all->otherCerts.empty());

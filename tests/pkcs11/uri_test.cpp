@@ -65,23 +65,11 @@ TEST(Pkcs11Uri, ParsesChoosesAndRefuses) {
 TEST(TokenIdentity, StoredLayout) {
     TokenIdentity b{L"M\u00fc", L"", L"9", L"b"};
     buffer::Buffer<unsigned char> bytes = encodeTokenIdentities({kCard, b});
-    // version 1, two tokens, then per token four length-prefixed UTF-8 fields.
-    std::string expected = std::string("\x01\x02", 2) +
-                           "\x04"
-                           "Acme"
-                           "\x07"
-                           "Card v2"
-                           "\x04"
-                           "0123" +
-                           "\x07"
-                           "my card" +
-                           "\x03"
-                           "M\xc3\xbc" +
-                           std::string(1, '\0') +
-                           "\x01"
-                           "9" +
-                           "\x01"
-                           "b";
+    // Version 1, the count, then per token four length-prefixed UTF-8 fields.
+    auto field = [](const std::string& v) { return static_cast<char>(v.size()) + v; };
+    std::string expected = std::string("\x01\x02", 2) + field("Acme") + field("Card v2") +
+                           field("0123") + field("my card") + field("M\xc3\xbc") + field("") +
+                           field("9") + field("b");
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size()), expected);
     std::vector<TokenIdentity> back;
     ASSERT_TRUE(decodeTokenIdentities(bytes.data(), bytes.size(), back));

@@ -206,9 +206,7 @@ TokenWriter::TokenWriter(const std::string& module, const std::string& tokenLabe
         session_.reset(new pkcs11::CkSession(true, lib_, 0));
         session_->open(slot.id, CKF_SERIAL_SESSION | CKF_RW_SESSION);
         if (pin.empty()) return;
-        buffer::Buffer<unsigned char> p(reinterpret_cast<const unsigned char*>(pin.data()),
-                                        pin.size());
-        session_->login(CKU_USER, buffer::BufferRange<unsigned char>(p));
+        session_->login(CKU_USER, buffer::BufferRange<unsigned char>(raw(pin)));
         return;
     }
     pkcs11::Libraries::instance().unload(lib_);
@@ -280,8 +278,7 @@ std::string pkiDir() {
 buffer::Buffer<unsigned char> pkiCert(const std::string& name) {
     std::string data = readFile(pkiDir() + "/" + name + ".der");
     if (data.empty()) throw std::runtime_error("missing test certificate " + name);
-    return buffer::Buffer<unsigned char>(reinterpret_cast<const unsigned char*>(data.data()),
-                                         data.size());
+    return raw(data);
 }
 
 }  // namespace nebratest

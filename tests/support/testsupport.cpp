@@ -51,6 +51,23 @@ buffer::Buffer<unsigned char> fromHex(const std::string& hex) {
     return out;
 }
 
+buffer::Buffer<unsigned char> raw(const std::string& s) {
+    return buffer::Buffer<unsigned char>(reinterpret_cast<const unsigned char*>(s.data()),
+                                         s.size());
+}
+
+::testing::AssertionResult contains(const std::string& text, const std::string& part) {
+    if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
+}
+
+pkcs11::Pkcs11Error_CryptokiError expectCryptoki(const std::function<void()>& f, const char* code) {
+    auto e = expectEvent<pkcs11::Pkcs11Error_CryptokiError>(f);
+    const buffer::Buffer<wchar_t>* c = e.param(L"CRYPTOKY_ERROR_CODE");
+    EXPECT_EQ(c ? u8(*c) : "<none>", code);
+    return e;
+}
+
 std::string params(const orvo::GenericEvent& e) {
     std::string out;
     for (const auto& p : e.params()) {

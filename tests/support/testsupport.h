@@ -17,6 +17,10 @@ std::string u8(const std::wstring& s);
 buffer::Buffer<wchar_t> w(const char* ascii);
 buffer::Buffer<unsigned char> bytes(std::initializer_list<unsigned> list);
 buffer::Buffer<unsigned char> fromHex(const std::string& hex);
+// The bytes of `s` as they are (a PIN, a label).
+buffer::Buffer<unsigned char> raw(const std::string& s);
+// Whether `text` contains `part`; a failure shows the whole text.
+::testing::AssertionResult contains(const std::string& text, const std::string& part);
 
 // The parameters of an event as "KEY=value;KEY=value".
 std::string params(const orvo::GenericEvent& e);
@@ -39,6 +43,9 @@ E expectEvent(const std::function<void()>& f) {
 // Asserts name, source text, line and parameters of an event.
 void expectSite(const orvo::GenericEvent& e, const char* name, const char* file, int line,
                 const std::string& params = "");
+
+// Runs `f`, which must raise Pkcs11Error_CryptokiError with CRYPTOKY_ERROR_CODE `code`.
+pkcs11::Pkcs11Error_CryptokiError expectCryptoki(const std::function<void()>& f, const char* code);
 
 // A fresh directory under the system temp dir, removed with its contents on destruction.
 class TempDir {

@@ -32,10 +32,7 @@ int main(int argc, char** argv) {
                 throw std::runtime_error("bad item " + item);
             std::string der = nebratest::readFile(item.substr(c + 1));
             if (der.empty()) throw std::runtime_error("cannot read " + item.substr(c + 1));
-            writer.addCertificate(
-                buffer::Buffer<unsigned char>(reinterpret_cast<const unsigned char*>(der.data()),
-                                              der.size()),
-                id, item.substr(b + 1, c - b - 1));
+            writer.addCertificate(nebratest::raw(der), id, item.substr(b + 1, c - b - 1));
         }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "nebra_tokenprep: %s\n", e.what());

@@ -1,66 +1,121 @@
-// Two tokens whose certificates use the same key identifiers: sync, prune and removal of one never
-// touch the other's certificates; tokens are chosen by PKCS#11 URI and listed by 'nebra tokens'.
-#include "tokens.h"
+// Two SoftHSM2 tokens whose certificates use the same key identifiers, a private store database,
+// and the nebra tool run as a user runs it: sync, prune and removal of one token never touch the
+// other's certificates; tokens are chosen by PKCS#11 URI and listed by 'nebra tokens'; nebra watch
+// runs as a process while token directories move into and out of SoftHSM2's token directory (a
+// rename is atomic), and is stopped with SIGTERM.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 
 #include "certgen.h"
+#include "support/softhsm.h"
 
+using nebratest::contains;
 using pkcs11::certstoreupdater::CertStoreHelper;
-
-namespace tokentest {
-
-void TwoTokens::SetUp() {
-    if (const char* p = std::getenv("XDG_DATA_HOME")) previousData = p;
-    setenv("XDG_DATA_HOME", data.path().c_str(), 1);
-    setenv("PIN", "1234", 1);
-    der = storetest::generateCertificates(5);
-    const char* labels[] = {"cardA", "cardB"};
-    for (int t = 0; t < 2; ++t) {
-        hsm.initToken(labels[t], "1234");
-        nebratest::TokenWriter w(nebratest::SoftHsm::module(), labels[t], "1234");
-        for (int i = 0; i < 2; ++i) {
-            std::string id(1, static_cast<char>(i + 1));
-            w.addCertificate(der[2 * t + i], id, std::string(labels[t]) + " user" + "12"[i]);
-            w.addKeyPair(id);
-        }
-    }
-}
-
-void TwoTokens::TearDown() {
-    if (previousData.empty())
-        unsetenv("XDG_DATA_HOME");
-    else
-        setenv("XDG_DATA_HOME", previousData.c_str(), 1);
-}
-
-Outcome TwoTokens::nebra(const std::string& args) {
-    std::string out = data.file("out"), err = data.file("err");
-    int status = nebratest::sh(std::string(NEBRA_BINARY_DIR) + "/bin/nebra " + args + " >'" + out +
-                               "' 2>'" + err + "'");
-    return {status, nebratest::readFile(out), nebratest::readFile(err)};
-}
-
-std::string TwoTokens::uri(const std::string& label) {
-    return "'pkcs11:token=" + label + "?module-path=" + nebratest::SoftHsm::module() + "'";
-}
-
-std::vector<std::string> TwoTokens::stored() {
-    std::vector<std::string> lines;
-    for (const auto& tc : CertStoreHelper(L"MY").listTokenCertificates(L"Prov")) {
-        std::string line = nebratest::u8(tc.container) + " ";
-        for (const auto& t : tc.tokens) line += nebratest::u8(t.label) + "+";
-        if (tc.tokens.empty()) line += "-";
-        lines.push_back(line);
-    }
-    std::sort(lines.begin(), lines.end());
-    return lines;
-}
 
 namespace {
 
 using Lines = std::vector<std::string>;
+
+struct Outcome {
+    int status;
+    std::string out, err;
+};
+
+std::size_t count(const std::string& text, const std::string& what) {
+    std::size_t n = 0;
+    for (auto p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) ++n;
+    return n;
+}
+
+class TwoTokens : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (const char* p = std::getenv("XDG_DATA_HOME")) previousData = p;
+        setenv("XDG_DATA_HOME", data.path().c_str(), 1);
+        setenv("PIN", "1234", 1);
+        setenv("BADPIN", "0000", 1);
+        der = storetest::generateCertificates(5);  // der[0..1] on cardA, der[2..3] on cardB
+        const char* labels[] = {"cardA", "cardB"};
+        for (int t = 0; t < 2; ++t) {
+            hsm.initToken(labels[t], "1234");
+            nebratest::TokenWriter w(nebratest::SoftHsm::module(), labels[t], "1234");
+            for (int i = 0; i < 2; ++i) {
+                std::string id(1, static_cast<char>(i + 1));
+                w.addCertificate(der[2 * t + i], id, std::string(labels[t]) + " user" + "12"[i]);
+                w.addKeyPair(id);
+            }
+        }
+    }
+    void TearDown() override {
+        if (pid_ > 0) stop();
+        previousData.empty() ? unsetenv("XDG_DATA_HOME")
+                             : setenv("XDG_DATA_HOME", previousData.c_str(), 1);
+    }
+    // Runs build/bin/nebra with `args` (shell words, after environment assignments if any).
+    Outcome nebra(std::string args) {
+        args.insert(args.find('=') < args.find(' ') ? args.find(' ') + 1 : 0,
+                    std::string(NEBRA_BINARY_DIR) + "/bin/nebra ");
+        std::string out = data.file("out"), err = data.file("err");
+        int status = nebratest::sh(args + " >'" + out + "' 2>'" + err + "'");
+        return {status, nebratest::readFile(out), nebratest::readFile(err)};
+    }
+    // The token URI for `label` through SoftHSM2 (module-path).
+    static std::string uri(const std::string& label) {
+        return "'pkcs11:token=" + label + "?module-path=" + nebratest::SoftHsm::module() + "'";
+    }
+    // Certificates of the provider "Prov" in store MY: "container label-of-token(s)" lines.
+    Lines stored() {
+        Lines lines;
+        for (const auto& tc : CertStoreHelper(L"MY").listTokenCertificates(L"Prov")) {
+            std::string line = nebratest::u8(tc.container) + " ";
+            for (const auto& t : tc.tokens) line += nebratest::u8(t.label) + "+";
+            lines.push_back(tc.tokens.empty() ? line + "-" : line);
+        }
+        std::sort(lines.begin(), lines.end());
+        return lines;
+    }
+
+    // Starts 'nebra watch ARGS' with stdout and stderr to files.
+    void start(const std::string& args) {
+        pid_ = fork();
+        ASSERT_GE(pid_, 0);
+        if (pid_ != 0) return;
+        std::string cmd = "exec " + std::string(NEBRA_BINARY_DIR) + "/bin/nebra watch " + args +
+                          " >'" + data.file("watch.out") + "' 2>'" + data.file("watch.err") + "'";
+        execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int stop() {  // SIGTERM; the exit status
+        kill(pid_, SIGTERM);
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    // Waits (bounded: generous for a loaded machine, never a timing assertion) until `done` holds.
+    bool waitFor(const std::function<bool()>& done) {
+        auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(50)))
+            if (std::chrono::steady_clock::now() > limit) return false;
+        return true;
+    }
+    std::string watched() {
+        return nebratest::readFile(data.file("watch.out")) + "\n--- stderr:\n" +
+               nebratest::readFile(data.file("watch.err"));
+    }
+
+    nebratest::SoftHsm hsm;
+    nebratest::TempDir data;
+    std::vector<buffer::Buffer<unsigned char>> der;
+    std::string previousData;
+    pid_t pid_ = -1;
+};
 
 TEST_F(TwoTokens, EachTokenKeepsItsOwnCertificates) {
     // Written before tokens were recorded: cardA's first certificate, and one no token has.
@@ -78,7 +133,7 @@ TEST_F(TwoTokens, EachTokenKeepsItsOwnCertificates) {
                                "CKAIDHEX:02 cardB+", "CKAIDHEX:09 -"}));
     Outcome r =
         nebra("sync --module " + uri("cardB") + " --csp Prov --pin-env PIN --prune --dry-run");
-    EXPECT_NE(r.out.find("0 would add, 2 unchanged, 0 would remove"), std::string::npos) << r.out;
+    EXPECT_TRUE(contains(r.out, "0 would add, 2 unchanged, 0 would remove"));
 
     // cardB renewed without its second certificate: prune takes exactly that one away.
     {
@@ -94,17 +149,16 @@ TEST_F(TwoTokens, EachTokenKeepsItsOwnCertificates) {
                   static_cast<CK_RV>(CKR_OK));
     }
     r = nebra("sync --module " + uri("cardB") + " --csp Prov --pin-env PIN --prune --verbose");
-    EXPECT_NE(r.out.find("0 added, 1 unchanged, 1 removed\n  - CKAIDHEX:02  "), std::string::npos)
-        << r.out;
-    EXPECT_NE(r.out.find("record no token and were left alone"), std::string::npos) << r.out;
-    EXPECT_NE(r.err.find("MY: removed CKAIDHEX:02"), std::string::npos) << r.err;
+    EXPECT_TRUE(contains(r.out, "0 added, 1 unchanged, 1 removed\n  - CKAIDHEX:02  "));
+    EXPECT_TRUE(contains(r.out, "record no token and were left alone"));
+    EXPECT_TRUE(contains(r.err, "MY: removed CKAIDHEX:02"));
     EXPECT_EQ(stored(), (Lines{"CKAIDHEX:01 cardA+", "CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardA+",
                                "CKAIDHEX:09 -"}));
 
     // Removal by token, without the token: only cardA's.
     r = nebra("remove --csp Prov --token 'pkcs11:token=cardA'");
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.out.find("Removed 2 certificates"), std::string::npos) << r.out;
+    EXPECT_TRUE(contains(r.out, "Removed 2 certificates"));
     EXPECT_EQ(stored(), (Lines{"CKAIDHEX:01 cardB+", "CKAIDHEX:09 -"}));
 
     // A certificate on two tokens (recorded for both) stays until the last one lets it go.
@@ -115,90 +169,136 @@ TEST_F(TwoTokens, EachTokenKeepsItsOwnCertificates) {
     EXPECT_TRUE(store.recordTokenIdentity(shared, twin));  // once only
     EXPECT_EQ(stored(), (Lines{"CKAIDHEX:01 cardB+twin+", "CKAIDHEX:09 -"}));
     r = nebra("remove --csp Prov --token 'pkcs11:token=cardB'");
-    EXPECT_NE(r.out.find("Removed 0 certificates of the tokens matching pkcs11:token=cardB from "
-                         "store 'MY'; kept 1 that another token has too"),
-              std::string::npos)
-        << r.out;
+    EXPECT_TRUE(contains(r.out,
+                         "Removed 0 certificates of the tokens matching pkcs11:token=cardB "
+                         "from store 'MY'; kept 1 that another token has too"));
     EXPECT_EQ(store.releaseTokenCertificate(shared, twin), CertStoreHelper::Release::Deleted);
     EXPECT_EQ(stored(), (Lines{"CKAIDHEX:09 -"}));
     EXPECT_FALSE(store.recordTokenIdentity(shared, twin));  // not in the store any more
 }
 
 TEST_F(TwoTokens, ChoosingAndListingTokens) {
-    const std::string softhsm = nebratest::SoftHsm::module();
-    Outcome r = nebra("tokens --module " + softhsm);
-    ASSERT_EQ(r.status, 0) << r.err;
-    for (const char* card : {"cardA", "cardB"})
-        EXPECT_NE(r.out.find(";token=" + std::string(card) + "\n"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("label cardB, manufacturer SoftHSM project, model SoftHSM v2, serial "),
-              std::string::npos)
-        << r.out;
-    r = nebra("tokens --json --module " + softhsm);
-    EXPECT_NE(r.out.find("\"label\":\"cardA\",\"manufacturer\":\"SoftHSM project\""),
-              std::string::npos)
-        << r.out;
-    EXPECT_NE(r.out.find("\"loginRequired\":true"), std::string::npos) << r.out;
-
-    // Each command each way: status, and a text on stdout (or stderr when it fails).
+    const std::string softhsm = nebratest::SoftHsm::module(),
+                      fault = nebratest::SoftHsm::faultModule();
+    const std::string padA = "--module 'pkcs11:token=cardA?module-path=" + fault + "'";
+    nebratest::writeFile(data.file("pin"), "1234\n");
+    // Each command each way: status, and texts on stdout
+    // (or stderr when it fails; "2>" marks a text that is on stderr when it succeeds).
     const struct {
         std::string args;
         int status;
-        std::string text;
+        Lines texts;
     } runs[] = {
-        {"token --pin-env PIN --module " + uri("cardB"), 0, "cardB user2"},
-        {"token --pin-env PIN --module 'pkcs11:token=cardB?module-name=libsofthsm2.so'", 0,
-         "Token \"cardB\""},
-        {"token --pin-env PIN --module " + uri("nope"), 1,
-         "No token matches pkcs11:token=nope?module-path=" + softhsm +
-             "; present: pkcs11:model=SoftHSM%20v2;manufacturer=SoftHSM%20project;serial="},
+        {"tokens --module " + softhsm,
+         0,
+         {";token=cardA\n", ";token=cardB\n",
+          "label cardB, manufacturer SoftHSM project, model SoftHSM v2, serial "}},
+        {"tokens --json --module " + softhsm,
+         0,
+         {"\"label\":\"cardA\",\"manufacturer\":\"SoftHSM project\"", "\"loginRequired\":true"}},
+        {"token --pin-env PIN --module " + uri("cardB"), 0, {"cardB user2"}},
+        {"token --pin-env PIN --module 'pkcs11:token=cardB?module-name=libsofthsm2.so'",
+         0,
+         {"Token \"cardB\""}},
+        {"token --pin-env PIN --module " + uri("nope"),
+         1,
+         {"No token matches pkcs11:token=nope?module-path=" + softhsm +
+          "; present: pkcs11:model=SoftHSM%20v2;manufacturer=SoftHSM%20project;serial="}},
         {"token --pin-env PIN --module 'pkcs11:token=cardA?pin-value=1234&module-path=" + softhsm +
              "'",
-         2, "a PIN is never taken from the command line"},
+         2,
+         {"a PIN is never taken from the command line"}},
         {"token --module 'pkcs11:token=cardA?module-path=" + softhsm +
              "&pin-source=file:" + data.file("pin") + "'",
-         0, "cardA user1"},
-        {"token --module 'pkcs11:token=cardA'", 2, "the URI names no module"},
-        {"token --module 'pkcs11:token=a b'", 1,
-         "is not a valid PKCS#11 URI: spaces and non-ASCII characters must be percent-encoded"},
-        {"token --pin-env BADPIN --module " + uri("cardA"), 1,
-         "The PIN is wrong (CKR_PIN_INCORRECT).\nerror: Pkcs11Error_CryptokiError "
-         "(pkcs11\\cksession:45) CRYPTOKY_ERROR_CODE=160"},
-        {"token --pin-env PIN --module /nonexistent/module.so", 1,
-         "cannot load the PKCS#11 module /nonexistent/module.so: "},
-        {"token --pin-env PIN --module no-such-module", 1,
-         "'no-such-module' is neither a file nor a module registered with p11-kit (registered: "},
+         0,
+         {"cardA user1"}},
+        {"token --module 'pkcs11:token=cardA'", 2, {"the URI names no module"}},
+        {"token --module 'pkcs11:token=a b'",
+         1,
+         {"is not a valid PKCS#11 URI: spaces and non-ASCII characters must be percent-encoded"}},
+        {"token --pin-env BADPIN --module " + uri("cardA"),
+         1,
+         {"The PIN is wrong (CKR_PIN_INCORRECT).\nerror: Pkcs11Error_CryptokiError "
+          "(pkcs11\\cksession:45) CRYPTOKY_ERROR_CODE=160"}},
+        {"token --pin-env PIN --module /nonexistent/module.so",
+         1,
+         {"cannot load the PKCS#11 module /nonexistent/module.so: "}},
+        {"token --pin-env PIN --module no-such-module",
+         1,
+         {"'no-such-module' is neither a file nor a module registered with p11-kit (registered: "}},
+        // A reader with a PIN pad (the fault module's): logged in without a PIN, the user told
+        // to use the keypad; --no-pin-pad for a reader that only claims one asks for the PIN.
+        {"NEBRA_FAULT=PINPAD=1234 tokens --module " + fault,
+         0,
+         {"token=cardA\n  label cardA, manufacturer SoftHSM project, model SoftHSM v2, serial ",
+          "login on the reader's PIN pad"}},
+        {"NEBRA_FAULT=PINPAD=1234 token " + padA,
+         0,
+         {"cardA user1", "2>Enter the PIN of token \"cardA\" on the reader's keypad"}},
+        {"NEBRA_FAULT=PINPAD=1234 token --no-pin-pad --pin-env BADPIN " + padA,
+         1,
+         {"CKR_PIN_INCORRECT"}},
     };
-    nebratest::writeFile(data.file("pin"), "1234\n");
-    setenv("BADPIN", "0000", 1);
     for (const auto& run : runs) {
-        r = nebra(run.args);
+        Outcome r = nebra(run.args);
         EXPECT_EQ(r.status, run.status) << run.args << "\n" << r.err;
-        const std::string& text = run.status ? r.err : r.out;
-        EXPECT_NE(text.find(run.text), std::string::npos) << run.args << "\n" << text;
+        for (const std::string& t : run.texts)
+            EXPECT_TRUE(t.rfind("2>", 0) == 0 ? contains(r.err, t.substr(2))
+                                              : contains(run.status ? r.err : r.out, t))
+                << run.args;
     }
+}
 
-    // A reader with a PIN pad (the fault module's): logged in without a PIN, the user told to
-    // use the keypad; --no-pin-pad for a reader that only claims one asks for the PIN instead.
-    setenv("NEBRA_FAULT", "PINPAD=1234", 1);
-    const std::string pad = "--module " + nebratest::SoftHsm::faultModule();
-    r = nebra("tokens " + pad);
-    EXPECT_NE(r.out.find("token=cardA\n  label cardA, manufacturer SoftHSM project, model SoftHSM "
-                         "v2, serial "),
-              std::string::npos);
-    EXPECT_NE(r.out.find("login on the reader's PIN pad"), std::string::npos) << r.out;
-    const std::string padA =
-        "--module 'pkcs11:token=cardA?module-path=" + nebratest::SoftHsm::faultModule() + "'";
-    r = nebra("token " + padA);
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.out.find("cardA user1"), std::string::npos) << r.out;
-    EXPECT_NE(r.err.find("Enter the PIN of token \"cardA\" on the reader's keypad"),
-              std::string::npos)
-        << r.err;
-    r = nebra("token --no-pin-pad --pin-env BADPIN " + padA);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("CKR_PIN_INCORRECT"), std::string::npos) << r.err;
-    unsetenv("NEBRA_FAULT");
+std::string tokenDir(const nebratest::SoftHsm& hsm, const std::string& label) {
+    nebratest::TempDir tmp;
+    nebratest::sh("grep -l '" + label + "' '" + hsm.dir() + "'/tokens/*/token.object | " +
+                  "xargs -n1 dirname > '" + tmp.file("dir") + "'");
+    std::string dir = nebratest::readFile(tmp.file("dir"));
+    return dir.substr(0, dir.find('\n'));
+}
+
+TEST_F(TwoTokens, WatchSyncsTokensMovedInAndReleasesOnlyTheRemovedOnesCertificates) {
+    const std::string cardB = tokenDir(hsm, "cardB"), parked = data.file("cardB");
+    ASSERT_FALSE(cardB.empty());
+    ASSERT_EQ(rename(cardB.c_str(), parked.c_str()), 0);
+    start("--module " + nebratest::SoftHsm::module() +
+          " --csp Prov --pin-env PIN --interval 0.2 --on-removal remove");
+    const Lines onlyA{"CKAIDHEX:01 cardA+", "CKAIDHEX:02 cardA+"};
+    EXPECT_TRUE(waitFor([&] { return stored() == onlyA; })) << watched();
+    ASSERT_EQ(rename(parked.c_str(), cardB.c_str()), 0);  // inserted
+    EXPECT_TRUE(waitFor([&] {
+        return stored() == Lines{"CKAIDHEX:01 cardA+", "CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardA+",
+                                 "CKAIDHEX:02 cardB+"};
+    })) << watched();
+    ASSERT_EQ(rename(cardB.c_str(), parked.c_str()), 0);  // removed: only its certificates go
+    EXPECT_TRUE(waitFor([&] { return stored() == onlyA; })) << watched();
+    EXPECT_EQ(stop(), 0);
+    const std::string text = nebratest::readFile(data.file("watch.out"));
+    for (const char* line :
+         {"inserted pkcs11:", "synced pkcs11:", "removed pkcs11:", "released pkcs11:"})
+        EXPECT_TRUE(contains(text, line));
+    EXPECT_EQ(count(text, ";token=cardB  MY: 0 added, 0 unchanged, 2 removed\n"), 1u) << text;
+    EXPECT_EQ(count(text, "\n"), 6u) << text;  // A and B inserted and synced; B removed, released
+}
+
+TEST_F(TwoTokens, WatchReportsAWrongPinOnceAndNeverRetries) {
+    start("--module 'pkcs11:token=cardA?module-path=" + nebratest::SoftHsm::module() +
+          "' --csp Prov --pin-env BADPIN --interval 0.1 --json --verbose");
+    // Several polls after the first: the token stays present, nothing is tried again.
+    EXPECT_TRUE(waitFor([&] {
+        return count(nebratest::readFile(data.file("watch.err")), "poll: 1 token(s) present") >= 5;
+    })) << watched();
+    EXPECT_EQ(stop(), 0);
+    const std::string text = nebratest::readFile(data.file("watch.out"));
+    EXPECT_EQ(count(text, "\n"), 2u) << text;
+    EXPECT_EQ(count(text, "{\"event\":\"inserted\",\"token\":\"pkcs11:model="), 1u) << text;
+    EXPECT_EQ(count(text, "{\"event\":\"error\""), 1u) << text;
+    EXPECT_EQ(count(text,
+                    "The PIN is wrong (CKR_PIN_INCORRECT). error: Pkcs11Error_CryptokiError "
+                    "(pkcs11\\\\cksession:45) CRYPTOKY_ERROR_CODE=160"),
+              1u)
+        << text;
+    EXPECT_TRUE(stored().empty());
 }
 
 }  // namespace
-}  // namespace tokentest
