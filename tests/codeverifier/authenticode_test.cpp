@@ -183,9 +183,10 @@ void put(au::Der& b, std::size_t off, T v) {
 }
 
 // Headers edited in memory: every edit must end in its own verdict, never in a read outside the
-// image (ASan) or in a wrapped 32-bit sum.
-TEST(Authenticode, HostileHeadersAndTables) {
-    const au::Der original = bytesOf(corpus("valid-sha256-pe32plus.exe"));
+// image (ASan) or in a wrapped 32-bit sum. No proper prefix of the file or of its signature is
+// accepted, and none is read past.
+TEST(Authenticode, HostileHeadersTablesAndPrefixes) {
+    const au::Der original = bytesOf(corpus("expired-ts-rfc3161.exe"));  // PE32+, timestamped
     const au::Policy policy = testPolicy();
     const std::size_t pe = get32(original, 0x3C), dir = pe + 24 + 112 + 32;
     const std::uint32_t table = get32(original, dir), size = std::uint32_t(original.size());
@@ -213,6 +214,8 @@ TEST(Authenticode, HostileHeadersAndTables) {
          S::BadCertificateTable},
         {"entry longer than the table", [&](au::Der& b) { put(b, table, get32(b, table) + 8); },
          S::BadCertificateTable},
+        {"entry shorter than the table", [&](au::Der& b) { put(b, table, get32(b, table) - 8); },
+         S::BadCertificateTable},
         // Data hidden inside the entry, after the signature, with lengths made consistent.
         {"hidden data",
          [&](au::Der& b) {
@@ -225,18 +228,10 @@ TEST(Authenticode, HostileHeadersAndTables) {
         edit(image);
         EXPECT_EQ(au::verifyImage(image.data(), image.size(), policy), expected) << what;
     }
-}
-
-// No proper prefix of a signed file or of its signature is accepted, and none is read past.
-TEST(Authenticode, EveryPrefixIsRejected) {
-    const au::Der image = bytesOf(corpus("expired-ts-rfc3161.exe"));
-    const std::size_t dir = get32(image, 0x3C) + 24 + 112 + 32;
-    const std::uint32_t table = get32(image, dir);
-    const au::Der sig(image.begin() + table + 8, image.end());
+    const au::Der sig(original.begin() + table + 8, original.end());
     ASSERT_EQ(au::parseSignature(sig.data(), sig.size()), Status::Trusted);
-    const au::Policy policy = testPolicy();
-    for (std::size_t n = 0; n < image.size(); ++n) {
-        au::Der prefix(image.begin(), image.begin() + static_cast<std::ptrdiff_t>(n));
+    for (std::size_t n = 0; n < original.size(); ++n) {
+        au::Der prefix(original.begin(), original.begin() + static_cast<std::ptrdiff_t>(n));
         ASSERT_NE(au::verifyImage(prefix.data(), prefix.size(), policy), Status::Trusted) << n;
     }
     const std::size_t derEnd = sig.size() - 8;  // at most 7 bytes of padding follow the object
