@@ -126,9 +126,7 @@ TEST(LinuxDescriptors, GrantPutsItsEntryFirstAndKeepsTheRestByteForByte) {
     std::string file = newFile(dir, "f");
     put(file, descriptor(acl(old, 12)));
     grant(file);
-    std::string expectedAcl = acl({kGrant, old[0], old[1], old[2]}, 8);
-    EXPECT_EQ(expectedAcl.size(), 8 + 24 + 24 + 20 + 24 + 8u);  // in use before + 32
-    EXPECT_EQ(stored(file), descriptor(expectedAcl));
+    EXPECT_EQ(stored(file), descriptor(acl({kGrant, old[0], old[1], old[2]}, 8)));
 
     // Without a stored descriptor: owner, group and others from the mode bits (0640 here).
     std::string plain = newFile(dir, "plain", 0640);
@@ -147,7 +145,6 @@ TEST(LinuxDescriptors, GrantPutsItsEntryFirstAndKeepsTheRestByteForByte) {
     put(empty, descriptor(acl({})));
     grant(empty);
     EXPECT_EQ(stored(empty), descriptor(acl({kGrant}, 8)));
-    EXPECT_EQ(acl({kGrant}, 8).size(), 40u);
 
     // A file name that is not UTF-8 round-trips through the wide form.
     std::string odd = newFile(dir, "caf\xC3\xA9-\xF0\x9F\x98\x80-\xFF\xC3(");

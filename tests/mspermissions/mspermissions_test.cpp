@@ -74,7 +74,6 @@ TEST(MSPermissionsUtils, EachFailingCallRaisesItsEvent) {
     AnyPackageSid sid;
     for (const auto& f : std::vector<std::function<void()>>{
              [&] { SecurityDescriptorDacl d(wide(missing)); },
-             [&] { MSPermissionsUtils::addPermissions(missing, sid); },
              [&] { MSPermissionsUtils::addPermissionsRecursive(missing, sid); }})
         expectFailure(f, 69, "Method=GetFileSecurity;error=2");
 
