@@ -20,23 +20,22 @@ void closeQuietly(CkSession& s) {
         }
     }
 }
-// Until a constructor completes, a failure must not leave the module loaded.
-struct UnloadGuard {
-    const CkLibrary& lib;
-    bool armed = true;
-    ~UnloadGuard() {
-        if (!armed) return;
-        try {
-            Libraries::instance().unload(lib);
-        } catch (...) {
-        }
-    }
-};
 }  // namespace
 
 Pkcs11Helper::Pkcs11Helper(const std::string& libraryPath)
     : library(Libraries::instance().load(libraryPath)) {
-    UnloadGuard guard{library};
+    // Until the constructor completes, a failure must not leave the module loaded.
+    struct UnloadGuard {
+        const CkLibrary& lib;
+        bool armed = true;
+        ~UnloadGuard() {
+            if (!armed) return;
+            try {
+                Libraries::instance().unload(lib);
+            } catch (...) {
+            }
+        }
+    } guard{library};
     slots.reset(new CkSlots(library, true));
     if (slots->empty())
         throw CertStoreUpdaterError_TokenNotPresent(buffer::Buffer<wchar_t>(kSource),
@@ -44,13 +43,10 @@ Pkcs11Helper::Pkcs11Helper(const std::string& libraryPath)
     guard.armed = false;
 }
 
+// Once the first-slot constructor has finished, a failure here runs the destructor, which
+// unloads the module again.
 Pkcs11Helper::Pkcs11Helper(const std::string& libraryPath, const Pkcs11Uri& token)
-    : library(Libraries::instance().load(libraryPath)) {
-    UnloadGuard guard{library};
-    slots.reset(new CkSlots(library, true));
-    if (slots->empty())
-        throw CertStoreUpdaterError_TokenNotPresent(buffer::Buffer<wchar_t>(kSource),
-                                                    kLineTokenNotPresent);
+    : Pkcs11Helper(libraryPath) {
     std::wstring present;
     slots->retain([&](const CkSlot& slot) {
         TokenIdentity id = TokenIdentity::of(CkToken(slot).info());
@@ -63,7 +59,6 @@ Pkcs11Helper::Pkcs11Helper(const std::string& libraryPath, const Pkcs11Uri& toke
                                                   kLineTokenNotFound)
             .setParam(L"URI", buffer::Buffer<wchar_t>(buffer::fromUtf8(token.text())))
             .setParam(L"TOKENS", buffer::Buffer<wchar_t>(present));
-    guard.armed = false;
 }
 
 CkTokenInfo Pkcs11Helper::tokenInfo() const {
