@@ -15,8 +15,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Test executables run under Wine when ctest is invoked on the build tree.
+# Test executables run under Wine when ctest is invoked on the build tree; NEBRA_WINE_LAUNCHER
+# set at test time runs them on another Wine (cmake/toolchains/wine-run.sh).
 find_program(NEBRA_WINE NAMES wine64 wine)
 if(NEBRA_WINE)
-    set(CMAKE_CROSSCOMPILING_EMULATOR ${NEBRA_WINE})
+    set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/wine-run.sh ${NEBRA_WINE})
 endif()

@@ -109,6 +109,11 @@ bool runningUnderWine() {
     return v && *v == '1';
 }
 
+bool stockWineCrypt32() {
+    const char* v = std::getenv("NEBRA_WINE_CRYPT32");
+    return runningUnderWine() && !(v && std::string(v) == "patched");
+}
+
 int sh(const std::string& cmd) {
     int rc = std::system(cmd.c_str());
 #ifdef WEXITSTATUS

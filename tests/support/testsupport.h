@@ -62,6 +62,10 @@ private:
 };
 
 bool runningUnderWine();
+// Under Wine with its own crypt32 (not the project's patched one, which NEBRA_WINE_CRYPT32=patched
+// announces): application certificate properties cannot be set and deleting while enumerating
+// does not end.
+bool stockWineCrypt32();
 // Runs a shell command (Linux); returns its exit status.
 int sh(const std::string& cmd);
 std::string readFile(const std::string& path);
