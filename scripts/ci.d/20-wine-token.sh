@@ -9,6 +9,9 @@ ROOT=$PWD
 BUILD=${NEBRA_BUILD:-$ROOT/build}
 MINGW=${NEBRA_BUILD_MINGW:-$ROOT/build-mingw}
 export WINEDEBUG=-all DISPLAY=
+# The token tests load the module from a folder with non-ASCII letters in its name: Wine needs a
+# UTF-8 locale to map them to Unix file names, whatever the caller's is.
+export LC_ALL=C.UTF-8
 export WINEPATH=  # every program carries the GCC runtime itself
 start=$(date +%s)
 
