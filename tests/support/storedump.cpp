@@ -3,6 +3,8 @@
 // both platforms for the same contents. Used to compare the stores the two builds of nebra write.
 //
 // usage: nebra_storedump STORE...
+//        nebra_storedump --add STORE DER_FILE   adds a certificate without any property, as another
+//                                               program would
 // One line per certificate, sorted: the store, an FNV-1a hash of the DER, then the properties
 // the library writes, each as id=hex or id=- when absent: 2 (key provider information, decoded:
 // container|provider|type|flags|keyspec), 11 (friendly name), 54086 (provider reference) and
@@ -67,6 +69,23 @@ int main(int argc, char** argv) {
         return 2;
     }
     cs::Api& api = cs::native();
+    if (std::string(argv[1]) == "--add" && argc == 4) {
+        std::string name = argv[2], der;
+        if (std::FILE* f = std::fopen(argv[3], "rb")) {
+            char buf[4096];
+            for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) der.append(buf, n);
+            std::fclose(f);
+        }
+        cs::Store s = api.openSystemStore(std::wstring(name.begin(), name.end()));
+        cs::Cert added = nullptr;
+        bool ok = s && !der.empty() &&
+                  api.addEncoded(s, reinterpret_cast<const unsigned char*>(der.data()), der.size(),
+                                 &added);
+        if (added) ok = api.freeContext(added) && ok;
+        if (s) ok = api.closeStore(s) && ok;
+        if (!ok) std::fprintf(stderr, "nebra_storedump: cannot add %s to %s\n", argv[3], argv[2]);
+        return ok ? 0 : 1;
+    }
     std::set<std::string> lines;
     for (int i = 1; i < argc; ++i) {
         std::string name = argv[i];
