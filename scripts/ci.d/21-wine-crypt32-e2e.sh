@@ -141,8 +141,9 @@ done
 [ "$(wc -l <"$work/wine/14-dump")" = 1 ] && grep -q " 2=- 11=- 54086=- 54087=-$" "$work/wine/14-dump" ||
   { cat "$work/wine/14-dump"; fail "the other program's certificate did not come through untouched"; }
 echo "nebra.exe under Wine (patched crypt32), as the Linux nebra printed it too:"
-for n in 01-sync 05-prune 06-sync-second-token 08-remove-token 10-remove-csp 12-watch 13-dump; do
+for n in 01-sync 02-list 05-prune 06-sync-second-token 08-remove-token 09-list 10-remove-csp \
+  12-watch 13-dump; do
   echo "--- $n"
-  cut -c1-160 "$work/wine/$n"
+  cat "$work/wine/$n"
 done
 echo "nebra.exe and nebra agree on every step and every stored property; stage: $(($(date +%s) - start)) s"
