@@ -48,14 +48,6 @@ if [ -f "$STAMP" ]; then echo "$PREFIX"; exit 0; fi
 
 WORK=$(mktemp -d "$CACHE/softhsm2-build.XXXXXX")
 trap 'rm -rf "$WORK"' EXIT
-run() {  # logfile, command...: runs quietly; on failure shows the end of the log
-  local out=$1; shift
-  if ! "$@" >"$out" 2>&1; then
-    tail -n 40 "$out" >&2
-    log "failed: $*"
-    exit 1
-  fi
-}
 
 # 1. The source packages (downloaded once, checked by apt against the signed Sources index). Only
 #    the .orig tarballs are used: a package's Debian patch tarball may be missing from the mirror,
@@ -111,10 +103,7 @@ fi
 log "building SoftHSM2 for $HOST"
 tar -xf "$SOFTHSM_ORIG" -C "$WORK"
 STOP=$(ls -d "$WORK"/softhsm2-*/)
-while read -r p _; do
-  case "$p" in ''|'#'*) continue ;; esac
-  patch -d "$STOP" -p1 -s -f <"$PATCHES/$p" >&2 || { log "patch $p does not apply"; exit 1; }
-done <"$PATCHES/series"
+apply_series "$STOP" "$PATCHES"
 BUILD=$WORK/softhsm2-build
 PROBES=()
 for probe in RUN_ECC RUN_ED25519 RUN_ED448 RUN_AES_KEY_WRAP RUN_AES_KEY_WRAP_PAD; do

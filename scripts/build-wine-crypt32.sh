@@ -48,14 +48,6 @@ if [ -f "$STAMP" ]; then echo "$PREFIX"; exit 0; fi
 start=$(date +%s)
 WORK=$(mktemp -d "$CACHE/wine-crypt32-build.XXXXXX")
 trap 'rm -rf "$WORK"' EXIT
-run() {  # logfile, command...: runs quietly; on failure shows the end of the log
-  local out=$1; shift
-  if ! "$@" >"$out" 2>&1; then
-    tail -n 40 "$out" >&2
-    log "failed: $*"
-    exit 1
-  fi
-}
 
 # 1. The source package of the installed Wine (downloaded once, checked by apt against the signed
 #    Sources index). Only the .orig tarball is used.
@@ -80,10 +72,7 @@ log "using $(basename "$ORIG")"
 #    or server_protocol.h; they are generated.
 tar -xf "$ORIG" -C "$WORK"
 TOP=$(ls -d "$WORK"/wine-*/)
-while read -r p _; do
-  case "$p" in ''|'#'*) continue ;; esac
-  patch -d "$TOP" -p1 -s -f <"$PATCHES/$p" >&2 || { log "patch $p does not apply"; exit 1; }
-done <"$PATCHES/series"
+apply_series "$TOP" "$PATCHES"
 KEEP='include|tools|tools/(widl|winebuild|winegcc|wmc|wrc)'
 KEEP+='|dlls/(crypt32|user32|advapi32|bcrypt|cryptnet|kernel32|ntdll|winecrt0|msvcrt)'
 KEEP+='|dlls/(stdole2.tlb|oleacc)'  # what the headers' IDL files import

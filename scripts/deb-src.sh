@@ -14,3 +14,24 @@ add_deb_src() {
   echo "$1: added deb-src entries; updating package indexes" >&2
   $sudo apt-get update -qq
 }
+
+# run LOGFILE COMMAND...: runs a build step quietly; on failure shows the end of its log and exits.
+run() {
+  local out=$1
+  shift
+  if ! "$@" >"$out" 2>&1; then
+    tail -n 40 "$out" >&2
+    echo "$(basename "$0" .sh): failed: $*" >&2
+    exit 1
+  fi
+}
+
+# apply_series TREE PATCHDIR: applies PATCHDIR/series in order (first word of a line: the patch;
+# blank lines and # comments skipped) with patch -p1; exits if one does not apply.
+apply_series() {
+  local p _
+  while read -r p _; do
+    case "$p" in '' | '#'*) continue ;; esac
+    patch -d "$1" -p1 -s -f <"$2/$p" >&2 || { echo "$(basename "$0" .sh): patch $p does not apply" >&2; exit 1; }
+  done <"$2/series"
+}
