@@ -18,7 +18,7 @@ if [ $status != 0 ]; then
 fi
 count() { { grep -o "\[  $1 *\] [0-9]* test" "$log" || true; } | awk '{s += $4} END {print s + 0}'; }
 # gtest prints a skip as "FILE:LINE: Skipped", then the reason on the next line.
-reasons=$({ grep -A1 ': Skipped$' "$log" || true; } | grep -v -e ': Skipped$' -e '^--$' |
+reasons=$({ grep -A1 ': Skipped$' "$log" || true; } | { grep -v -e ': Skipped$' -e '^--$' || true; } |
   sed 's/^[0-9]*: //' | sort | uniq -c)
 [ -z "${SKIPS_FILE:-}" ] || printf '%s\n' "$reasons" >"$SKIPS_FILE"
 [ -z "$reasons" ] || printf 'skipped, with the reason:\n%s\n' "$reasons"

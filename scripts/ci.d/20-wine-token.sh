@@ -22,20 +22,12 @@ grep -q "NEBRA_SOFTHSM_MINGW_PREFIX:PATH=$HSM\$" "$MINGW/CMakeCache.txt" ||
 cmake --build "$MINGW" --target test_pkcs11_token nebra_tokenprep nebra >/dev/null
 
 # 1. The token tests, with the counts of tests run and skipped.
-log=$(mktemp)
 work=$(mktemp -d)
-trap 'rm -rf "$work" "$log"' EXIT
-ctest --test-dir "$MINGW" -L token -V >"$log" 2>&1 || { cat "$log"; exit 1; }
-count() { { grep -o "\[  $1 *\] [0-9]* test" "$log" || true; } | awk '{s += $4} END {print s + 0}'; }
-passed=$(count PASSED)
-skipped=$(count SKIPPED)
-grep '^\s*\[  SKIPPED \] [A-Z]' "$log" || true
-echo "Windows token tests under Wine: $passed passed, $skipped skipped"
-[ "$passed" -gt 0 ]
+trap 'rm -rf "$work"' EXIT
+bash scripts/wine-ctest.sh "Windows token tests under Wine" "$MINGW" -L token
 
 # 2. nebra.exe against nebra on two tokens with the same contents. The Windows module is loaded
 #    from a folder whose name has spaces and a non-ASCII letter.
-win() { local p="Z:$1"; echo "${p//\//\\}"; }
 export NEBRA_E2E_PIN=1234
 bash tests/support/make-pki.sh "$work/pki" >/dev/null
 items() {  # the demo token: root, CA, two leaves with keys, one without; one item a line
@@ -57,10 +49,8 @@ XDG_DATA_HOME=$work/linux-data "$BUILD/bin/nebra" sync --module "$SOFTHSM" "${SY
   >"$work/linux-sync.json"
 
 # Windows: the token is initialised by softhsm2-util.exe and filled by nebra_tokenprep.exe.
-mkdir -p "$work/wine/tokens" "$work/Módulo de prueba"
-printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' \
-  "$(win "$work/wine/tokens")" >"$work/wine/softhsm2.conf"
-export SOFTHSM2_CONF=$(win "$work/wine/softhsm2.conf")
+mkdir -p "$work/Módulo de prueba"
+export SOFTHSM2_CONF=$(softhsm_conf "$work/wine" wine)
 cp "$HSM/bin/softhsm2.dll" "$work/Módulo de prueba/"
 WMOD=$(win "$work/Módulo de prueba/softhsm2.dll")
 wine "$HSM/bin/softhsm2-util.exe" --init-token --free --label "nebra e2e" --so-pin 12345678 \

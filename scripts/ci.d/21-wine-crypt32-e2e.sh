@@ -26,7 +26,6 @@ watcher=
 trap '[ -z "$watcher" ] || kill $watcher 2>/dev/null; rm -rf "$work"' EXIT
 bash tests/support/make-pki.sh "$work/pki" >/dev/null
 fail() { echo "FAILED: $*"; exit 1; }
-win() { local p="Z:$1"; echo "${p//\//\\}"; }
 # Store names of this run only: under Wine the stores live on in the prefix.
 S="E2E-$$-$RANDOM"
 STORES=("$S" "$S-ROOT" "$S-CA" "$S-OTHER")
@@ -49,10 +48,7 @@ side() {
     spawn() { local t=$1; shift; exec "$PW/bin/wine" "$MINGW/bin/$t.exe" "$@"; }
     hsmutil() { "$PW/bin/wine" "$HSM/bin/softhsm2-util.exe" "$@"; }
     path() { win "$1"; }
-    mkdir -p "$OUT/tokens"
-    printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' \
-      "$(win "$OUT/tokens")" >"$OUT/softhsm2.conf"
-    export SOFTHSM2_CONF=$(win "$OUT/softhsm2.conf")
+    export SOFTHSM2_CONF=$(softhsm_conf "$OUT" wine)
     MODULE=$(win "$HSM/bin/softhsm2.dll")
   fi
 }

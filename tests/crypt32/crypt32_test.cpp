@@ -25,10 +25,7 @@ const DWORD kProps[] = {CERT_FRIENDLY_NAME_PROP_ID, CERT_FIRST_USER_PROP_ID, 540
 const wchar_t kChildStoreVar[] = L"NEBRA_CRYPT32_CHILD_STORE";
 
 std::string hex(const BYTE* p, DWORD n) {
-    static const char digits[] = "0123456789ABCDEF";
-    std::string s;
-    for (DWORD i = 0; i < n; ++i) s += {digits[p[i] >> 4], digits[p[i] & 15]};
-    return s;
+    return buffer::toUtf8(buffer::hex(p, n));
 }
 
 std::string hexOf(const std::string& bytes) {

@@ -25,16 +25,7 @@ namespace cs = platform::certstore;
 using pkcs11::certstoreupdater::TokenIdentity;
 
 std::string hex(const unsigned char* p, std::size_t n) {
-    static const char digits[] = "0123456789abcdef";
-    std::string s;
-    for (std::size_t i = 0; i < n; ++i) s += {digits[p[i] >> 4], digits[p[i] & 15]};
-    return s;
-}
-
-std::string utf8(const std::wstring& w) {
-    std::string s;
-    for (wchar_t c : w) s += c < 0x80 ? static_cast<char>(c) : '?';
-    return s;
+    return buffer::toUtf8(buffer::hex(p, n));
 }
 
 std::string property(cs::Api& api, cs::Cert c, std::uint32_t id) {
@@ -45,7 +36,7 @@ std::string property(cs::Api& api, cs::Cert c, std::uint32_t id) {
     if (id == cs::kPropKeyProvInfo) {
         cs::KeyProvInfo kpi;
         if (!api.decodeKeyProvInfo(v.data(), size, kpi)) return "undecodable";
-        return utf8(kpi.containerName) + "|" + utf8(kpi.provName) + "|" +
+        return buffer::toUtf8(kpi.containerName) + "|" + buffer::toUtf8(kpi.provName) + "|" +
                std::to_string(kpi.provType) + "|" + std::to_string(kpi.flags) + "|" +
                std::to_string(kpi.keySpec);
     }
