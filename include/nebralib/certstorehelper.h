@@ -88,17 +88,20 @@ public:
     // Beside the operations above: the tokens a certificate was written from, recorded in the
     // property kTokenIdentityPropId (layout in nebralib/tokens.h) next to the CSP reference.
     // Certificates written without it (before tokens were recorded, or through the operations
-    // above alone) carry none: they belong to no token and are never touched by token-scoped
-    // pruning or removal.
+    // above alone, as a host program does) carry none: they belong to no token, and token-scoped
+    // pruning and removal never touch them. Only recordTokenIdentity gives one a token.
     struct TokenCertificate {
         std::wstring container;  // first line of the CSP reference
         asn1::Certificate certificate;
         std::vector<TokenIdentity> tokens;  // empty when none is recorded or it does not decode
+        bool unreadable = false;  // a token record is there but does not decode: left alone
     };
     // Adds `token` to the identities recorded on this certificate of the store, unless it is
-    // there already. False when the certificate is not in the store. Raises
-    // CertStoreUpdaterError_SetTokenIdentityFailed when the property cannot be written.
-    bool recordTokenIdentity(const asn1::Certificate& cert, const TokenIdentity& token);
+    // there already. A record that does not decode (damaged, or of a newer layout) is never
+    // overwritten. Raises CertStoreUpdaterError_SetTokenIdentityFailed when the property cannot
+    // be written.
+    enum class Record { Added, AlreadyRecorded, NotInStore, Unreadable };
+    Record recordTokenIdentity(const asn1::Certificate& cert, const TokenIdentity& token);
     // Every certificate whose CSP reference names `csp` (any CSP when empty), in store order,
     // with its container and recorded tokens; unlike listCertsByCsp, one container may appear
     // several times (two tokens using the same key identifiers).
@@ -110,8 +113,9 @@ public:
     Release releaseTokenCertificate(const asn1::Certificate& cert, const TokenIdentity& token);
 
 private:
-    // The decoded token identities of a context (empty when absent or undecodable).
-    std::vector<TokenIdentity> tokenIdentities(const void* ctx) const;
+    // The decoded token identities of a context (empty when absent or undecodable; then
+    // `unreadable` tells which).
+    std::vector<TokenIdentity> tokenIdentities(const void* ctx, bool* unreadable = nullptr) const;
     // Reads property `propId` of a context of this store into `value`: false when absent;
     // raises CertStoreUpdaterError_GetCertContextPropertyFailed when present but unreadable.
     bool getCertContextProperty(const void* ctx, std::uint32_t propId,

@@ -412,30 +412,34 @@ std::unique_ptr<CertMap> CertStoreHelper::listCertsByCsp(const std::wstring& csp
 
 constexpr int kLineSetTokenIdentity = 610;
 
-std::vector<TokenIdentity> CertStoreHelper::tokenIdentities(const void* ctx) const {
+std::vector<TokenIdentity> CertStoreHelper::tokenIdentities(const void* ctx,
+                                                            bool* unreadable) const {
     std::vector<TokenIdentity> tokens;
     buffer::Buffer<unsigned char> value;
-    if (!getCertContextProperty(ctx, kTokenIdentityPropId, value) ||
-        !decodeTokenIdentities(value.data(), value.size(), tokens))
-        tokens.clear();
+    bool bad = getCertContextProperty(ctx, kTokenIdentityPropId, value) &&
+               !decodeTokenIdentities(value.data(), value.size(), tokens);
+    if (bad) tokens.clear();
+    if (unreadable) *unreadable = bad;
     return tokens;
 }
 
-bool CertStoreHelper::recordTokenIdentity(const asn1::Certificate& cert,
-                                          const TokenIdentity& token) {
+CertStoreHelper::Record CertStoreHelper::recordTokenIdentity(const asn1::Certificate& cert,
+                                                             const TokenIdentity& token) {
     cs::Api& api = cs::api();
     ContextGuard temporary(api, temporaryContext(api, cert));
-    if (!temporary.get()) return false;
+    if (!temporary.get()) return Record::NotInStore;
     ContextGuard found(api, api.findExisting(store, temporary.get()));
-    if (!found.get()) return false;
-    std::vector<TokenIdentity> tokens = tokenIdentities(found.get());
+    if (!found.get()) return Record::NotInStore;
+    bool unreadable = false;
+    std::vector<TokenIdentity> tokens = tokenIdentities(found.get(), &unreadable);
+    if (unreadable) return Record::Unreadable;
     for (const TokenIdentity& t : tokens)
-        if (t == token) return true;
+        if (t == token) return Record::AlreadyRecorded;
     tokens.push_back(token);
     buffer::Buffer<unsigned char> bytes = encodeTokenIdentities(tokens);
     if (!api.setProperty(found.get(), kTokenIdentityPropId, bytes.data(), bytes.size()))
         throw CertStoreUpdaterError_SetTokenIdentityFailed(sourceFile(), kLineSetTokenIdentity);
-    return true;
+    return Record::Added;
 }
 
 std::vector<CertStoreHelper::TokenCertificate> CertStoreHelper::listTokenCertificates(
@@ -451,9 +455,12 @@ std::vector<CertStoreHelper::TokenCertificate> CertStoreHelper::listTokenCertifi
             if (csp.empty() || csp == ref.csp) {
                 std::size_t size = 0;
                 const unsigned char* der = api.encoded(ctx, &size);
-                result.push_back({ref.container,
-                                  asn1::Certificate(buffer::Buffer<unsigned char>(der, size)),
-                                  tokenIdentities(ctx)});
+                TokenCertificate tc{ref.container,
+                                    asn1::Certificate(buffer::Buffer<unsigned char>(der, size)),
+                                    {},
+                                    false};
+                tc.tokens = tokenIdentities(ctx, &tc.unreadable);
+                result.push_back(std::move(tc));
             }
         }
         cursor.replace(api.enumCertificates(store, ctx));

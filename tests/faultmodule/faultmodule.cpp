@@ -10,7 +10,9 @@
 //                       most N handles per call, as cards hand them out), and "PINPAD=PIN": every
 //                       token claims a PIN pad (CKF_PROTECTED_AUTHENTICATION_PATH in
 //                       C_GetTokenInfo) and a C_Login without a PIN (null, length 0) logs in with
-//                       PIN, as if typed on the reader's keypad; a C_Login with a PIN is forwarded
+//                       PIN, as if typed on the reader's keypad; a C_Login with a PIN is forwarded;
+//                       "SERIAL=TEXT", "LABEL=TEXT": every token reports this serial number or
+//                       label (blank when empty), as identical cards of one kind can
 //   NEBRA_FAULT_COUNTS  file that receives "C_Name count" lines when the module is finalised
 #ifdef _WIN32
 #include <windows.h>
@@ -41,13 +43,15 @@ struct Rule {
 std::mutex gMutex;
 std::map<std::string, Rule> gRules;
 std::map<std::string, long> gCounts;
-std::string gPinPad;  // the PIN the "keypad" enters; empty: no PIN pad
+std::string gPinPad;                            // the PIN the "keypad" enters; empty: no PIN pad
+std::map<std::string, std::string> gTokenText;  // "SERIAL", "LABEL": what every token reports
 CK_FUNCTION_LIST* gTarget = nullptr;
 CK_FUNCTION_LIST gList;
 
 void parseRules(const char* rules) {
     gRules.clear();
     gPinPad.clear();
+    gTokenText.clear();
     if (!rules) return;
     std::string s(rules);
     std::size_t pos = 0;
@@ -62,6 +66,10 @@ void parseRules(const char* rules) {
         std::string name = item.substr(0, eq), value = item.substr(eq + 1);
         if (name == "PINPAD") {
             gPinPad = value;
+            continue;
+        }
+        if (name == "SERIAL" || name == "LABEL") {
+            gTokenText[name] = value;
             continue;
         }
         if (value == "empty") {
@@ -126,7 +134,17 @@ CK_RV wGetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
     if (CK_RV rv = fault("C_GetTokenInfo")) return rv;
     CK_RV rv = gTarget->C_GetTokenInfo(slot, info);
     std::lock_guard<std::mutex> lock(gMutex);
-    if (rv == CKR_OK && !gPinPad.empty()) info->flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
+    if (rv != CKR_OK) return rv;
+    if (!gPinPad.empty()) info->flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
+    auto blankPadded = [](CK_UTF8CHAR* field, std::size_t size, const std::string& text) {
+        std::memset(field, ' ', size);
+        std::memcpy(field, text.data(), text.size() < size ? text.size() : size);
+    };
+    for (const auto& t : gTokenText) {
+        if (t.first == "SERIAL")
+            blankPadded(info->serialNumber, sizeof info->serialNumber, t.second);
+        if (t.first == "LABEL") blankPadded(info->label, sizeof info->label, t.second);
+    }
     return rv;
 }
 CK_RV wOpenSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR app, CK_NOTIFY notify,

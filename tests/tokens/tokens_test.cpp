@@ -13,6 +13,8 @@
 #include <thread>
 
 #include "certgen.h"
+#include "platform/certstore.h"
+#include "storetest.h"
 #include "support/softhsm.h"
 
 using nebratest::contains;
@@ -40,7 +42,7 @@ protected:
         setenv("XDG_DATA_HOME", data.path().c_str(), 1);
         setenv("PIN", "1234", 1);
         setenv("BADPIN", "0000", 1);
-        der = storetest::generateCertificates(5);  // der[0..1] on cardA, der[2..3] on cardB
+        der = storetest::generateCertificates(7);  // der[0..1] on cardA, der[2..3] on cardB
         const char* labels[] = {"cardA", "cardB"};
         for (int t = 0; t < 2; ++t) {
             hsm.initToken(labels[t], "1234");
@@ -69,18 +71,18 @@ protected:
     static std::string uri(const std::string& label) {
         return "'pkcs11:token=" + label + "?module-path=" + nebratest::SoftHsm::module() + "'";
     }
-    // Certificates of the provider "Prov" in store MY: "container label-of-token(s)" lines.
-    Lines stored() {
+    // Certificates of the provider "Prov" in a store: "container label-of-token(s)" lines ("-":
+    // no token recorded, "?": a token record that does not decode).
+    Lines stored(const wchar_t* store = L"MY") {
         Lines lines;
-        for (const auto& tc : CertStoreHelper(L"MY").listTokenCertificates(L"Prov")) {
+        for (const auto& tc : CertStoreHelper(store).listTokenCertificates(L"Prov")) {
             std::string line = nebratest::u8(tc.container) + " ";
             for (const auto& t : tc.tokens) line += nebratest::u8(t.label) + "+";
-            lines.push_back(tc.tokens.empty() ? line + "-" : line);
+            lines.push_back(tc.unreadable ? line + "?" : tc.tokens.empty() ? line + "-" : line);
         }
         std::sort(lines.begin(), lines.end());
         return lines;
     }
-
     // Starts 'nebra watch ARGS' with stdout and stderr to files.
     void start(const std::string& args) {
         pid_ = fork();
@@ -128,7 +130,12 @@ TEST_F(TwoTokens, EachTokenKeepsItsOwnCertificates) {
         Outcome r = nebra("sync --module " + uri(card) + " --csp Prov --pin-env PIN");
         ASSERT_EQ(r.status, 0) << r.err;
     }
-    // The older certificate on cardA is adopted by it; the one of no token stays without one.
+    // Certificates that record no token may be a host program's: they are not taken over by a
+    // token unless the sync is told to adopt them.
+    EXPECT_EQ(stored(), (Lines{"CKAIDHEX:01 -", "CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardA+",
+                               "CKAIDHEX:02 cardB+", "CKAIDHEX:09 -"}));
+    ASSERT_EQ(nebra("sync --module " + uri("cardA") + " --csp Prov --pin-env PIN --adopt").status,
+              0);
     EXPECT_EQ(stored(), (Lines{"CKAIDHEX:01 cardA+", "CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardA+",
                                "CKAIDHEX:02 cardB+", "CKAIDHEX:09 -"}));
     Outcome r =
@@ -165,8 +172,8 @@ TEST_F(TwoTokens, EachTokenKeepsItsOwnCertificates) {
     CertStoreHelper store(L"MY");
     asn1::Certificate shared(der[2]);
     pkcs11::certstoreupdater::TokenIdentity twin{L"x", L"y", L"z", L"twin"};
-    EXPECT_TRUE(store.recordTokenIdentity(shared, twin));
-    EXPECT_TRUE(store.recordTokenIdentity(shared, twin));  // once only
+    EXPECT_EQ(store.recordTokenIdentity(shared, twin), CertStoreHelper::Record::Added);
+    EXPECT_EQ(store.recordTokenIdentity(shared, twin), CertStoreHelper::Record::AlreadyRecorded);
     EXPECT_EQ(stored(), (Lines{"CKAIDHEX:01 cardB+twin+", "CKAIDHEX:09 -"}));
     r = nebra("remove --csp Prov --token 'pkcs11:token=cardB'");
     EXPECT_TRUE(contains(r.out,
@@ -174,7 +181,168 @@ TEST_F(TwoTokens, EachTokenKeepsItsOwnCertificates) {
                          "from store 'MY'; kept 1 that another token has too"));
     EXPECT_EQ(store.releaseTokenCertificate(shared, twin), CertStoreHelper::Release::Deleted);
     EXPECT_EQ(stored(), (Lines{"CKAIDHEX:09 -"}));
-    EXPECT_FALSE(store.recordTokenIdentity(shared, twin));  // not in the store any more
+    EXPECT_EQ(store.recordTokenIdentity(shared, twin), CertStoreHelper::Record::NotInStore);
+}
+
+// Sets CKA_ID `to` on every object of the token whose CKA_ID is `from` (certificate and keys),
+// as a card's middleware may renumber them.
+void renumber(const std::string& label, const std::string& from, const std::string& to) {
+    nebratest::TokenWriter w(nebratest::SoftHsm::module(), label, "1234");
+    pkcs11::CkAttributes search;
+    search.add(CKA_ID, from.data(), from.size());
+    std::vector<CK_OBJECT_HANDLE> found;
+    {
+        pkcs11::CkObjectsFinder finder(w.session(), search);
+        for (CK_OBJECT_HANDLE h = 0; finder.next(h);) found.push_back(h);
+    }
+    ASSERT_EQ(found.size(), 3u);
+    CK_ATTRIBUTE id{CKA_ID, const_cast<char*>(to.data()), static_cast<CK_ULONG>(to.size())};
+    for (CK_OBJECT_HANDLE h : found)
+        ASSERT_EQ(w.session().functions()->C_SetAttributeValue(w.session().handle(), h, &id, 1),
+                  static_cast<CK_RV>(CKR_OK));
+}
+
+// What a present token holds is never deleted, whatever its key identifiers, groups and stores;
+// identities that cannot tell tokens apart never remove anything; a token record that does not
+// decode is left as it is. Each step runs nebra, then checks its output and the store.
+TEST_F(TwoTokens, NothingAPresentTokenHoldsIsRemoved) {
+    {
+        // One certificate on both cards under different key identifiers, and one without a key
+        // (an "other" certificate) on cardA.
+        nebratest::TokenWriter a(nebratest::SoftHsm::module(), "cardA", "1234");
+        a.addCertificate(der[4], "\x0a", "shared");
+        a.addKeyPair("\x0a");
+        a.addCertificate(der[5], "\x05", "other");
+    }
+    {
+        nebratest::TokenWriter b(nebratest::SoftHsm::module(), "cardB", "1234");
+        b.addCertificate(der[4], "\x0b", "shared");
+        b.addKeyPair("\x0b");
+    }
+    const std::string fault = "--module " + nebratest::SoftHsm::faultModule(),
+                      faultA = "--module 'pkcs11:token=cardA?module-path=" +
+                               nebratest::SoftHsm::faultModule() + "'";
+    const Lines bothInMy{"CKAIDHEX:01 cardA+", "CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardA+",
+                         "CKAIDHEX:02 cardB+", "CKAIDHEX:0A cardA+cardB+"},
+        onlyB{"CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardB+", "CKAIDHEX:0A cardB+"},
+        renumbered{"CKAIDHEX:01 cardB+", "CKAIDHEX:0B cardB+", "CKAIDHEX:12 cardB+"},
+        allOfA{"CKAIDHEX:01 cardA+", "CKAIDHEX:02 cardA+", "CKAIDHEX:05 cardA+",
+               "CKAIDHEX:0A cardA+"};
+    const struct {
+        std::string args;
+        int status;
+        std::string text;  // on stdout, or on stderr when it fails or starts with "2>"
+        const wchar_t* store;
+        Lines after;
+        std::function<void()> before = nullptr;
+    } steps[] = {
+        {"sync --module " + uri("cardA") + " --csp Prov --pin-env PIN",
+         0,
+         "3 added",
+         L"MY",
+         {"CKAIDHEX:01 cardA+", "CKAIDHEX:02 cardA+", "CKAIDHEX:0A cardA+"}},
+        // cardB's copy of the shared certificate is bound under cardA's key identifier.
+        {"sync --module " + uri("cardB") + " --csp Prov --pin-env PIN", 0,
+         "2 added, 0 unchanged, 1 shared with another token\n", L"MY", bothInMy},
+        // Listing loses nothing where tokens share key identifiers.
+        {"list --csp Prov", 0, "5 certificates bound to 'Prov'", L"MY", bothInMy},
+        {"remove --csp Prov --token 'pkcs11:token=cardA'", 0, "kept 1 that another token has",
+         L"MY", onlyB},
+        // A renumbered certificate is bound anew, not pruned; so is the shared one, which now
+        // only cardB holds.
+        {"sync --module " + uri("cardB") + " --csp Prov --pin-env PIN --prune", 0,
+         "0 removed, 2 rebound\n  > CKAIDHEX:0A -> CKAIDHEX:0B  shared (its CKA_ID changed)\n"
+         "  > CKAIDHEX:02 -> CKAIDHEX:12",
+         L"MY", renumbered, [] { renumber("cardB", "\x02", "\x12"); }},
+        // One store for several groups: pruning weighs everything the token holds.
+        {"sync --module " + uri("cardA") + " --csp Prov --pin-env PIN --store ALL --others ALL " +
+             "--prune",
+         0, "ALL (otherCerts): 1 added, 0 unchanged, 0 removed", L"ALL", allOfA},
+        {"sync --module " + uri("cardA") + " --csp Prov --pin-env PIN --store ALL --others ALL " +
+             "--prune",
+         0, "ALL (otherCerts): 0 added, 1 unchanged, 0 removed", L"ALL", allOfA},
+        {"sync --module " + uri("cardB") + " --csp Prov --pin-env PIN --store ALL",
+         0,
+         "",
+         L"ALL",
+         {"CKAIDHEX:01 cardA+", "CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardA+", "CKAIDHEX:05 cardA+",
+          "CKAIDHEX:0A cardA+cardB+", "CKAIDHEX:12 cardB+"}},
+        // Removal by a URI that names no token, or names several, is refused.
+        {"remove --csp Prov --store ALL --token 'pkcs11:'", 2, "names no token", L"ALL", {}},
+        {"remove --csp Prov --store ALL --token 'pkcs11:x-vendor=1'",
+         2,
+         "names no token",
+         L"ALL",
+         {}},
+        {"remove --csp Prov --store ALL --token 'pkcs11:model=SoftHSM%20v2'",
+         2,
+         "matches 2 recorded tokens; name one, or give --all-matching:\n  pkcs11:",
+         L"ALL",
+         {}},
+        {"remove --csp Prov --store ALL --token 'pkcs11:model=SoftHSM%20v2' --all-matching", 0,
+         "Removed 6 certificates", L"ALL", Lines{}},
+        // A token without a serial: synced, never pruned or removed by.
+        {"NEBRA_FAULT=SERIAL= sync " + faultA + " --store ALL --csp Prov --pin-env PIN --prune",
+         0,
+         "3 added, 0 unchanged, 0 removed\n  nothing removed: the token has no serial number",
+         L"ALL",
+         {"CKAIDHEX:01 cardA+", "CKAIDHEX:02 cardA+", "CKAIDHEX:0A cardA+"}},
+        {"remove --csp Prov --store ALL --token 'pkcs11:token=cardA'",
+         0,
+         "2>some certificates were kept: the token has no serial number",
+         L"ALL",
+         {"CKAIDHEX:01 cardA+", "CKAIDHEX:02 cardA+", "CKAIDHEX:0A cardA+"}},
+    };
+    for (const auto& step : steps) {
+        if (step.before) step.before();
+        Outcome r = nebra(step.args);
+        EXPECT_EQ(r.status, step.status) << step.args << "\n" << r.out << r.err;
+        const bool err = step.text.rfind("2>", 0) == 0;
+        EXPECT_TRUE(contains(step.status || err ? r.err : r.out, step.text.substr(err ? 2 : 0)))
+            << step.args;
+        if (step.status == 0) {
+            EXPECT_EQ(stored(step.store), step.after) << step.args;
+        }
+    }
+
+    // Two present tokens that report one identity: the first is synced but not pruned, so the
+    // other twin's certificate, recorded under the same identity, stays.
+    {
+        CertStoreHelper twins(L"TWINS");
+        twins.addCspCertificate(L"Prov", L"CKAIDHEX:66", L"", asn1::Certificate(der[6]), false);
+        ASSERT_EQ(twins.recordTokenIdentity(asn1::Certificate(der[6]),
+                                            {L"SoftHSM project", L"SoftHSM v2", L"7", L"twin"}),
+                  CertStoreHelper::Record::Added);
+    }
+    Outcome twin = nebra("NEBRA_FAULT=SERIAL=7,LABEL=twin sync " + fault +
+                         " --store TWINS --csp Prov --pin-env PIN --prune");
+    EXPECT_TRUE(contains(twin.out,
+                         "3 added, 0 unchanged, 0 removed\n  nothing removed: 2 tokens "
+                         "present report the same manufacturer, model, serial"));
+    EXPECT_EQ(stored(L"TWINS").back(), "CKAIDHEX:66 twin+");
+
+    // A token record that does not decode (damaged, or of a newer layout) is neither rewritten
+    // nor read as "no token": it stays as it is, and sync says so.
+    const unsigned char newer[] = {9, 1, 0};
+    {
+        auto& api = platform::certstore::native();
+        platform::certstore::Store s = api.openSystemStore(L"MY");
+        auto probe = api.createContext(der[2].data(), der[2].size());
+        auto c = api.findExisting(s, probe);
+        ASSERT_TRUE(c && api.setProperty(c, pkcs11::certstoreupdater::kTokenIdentityPropId, newer,
+                                         sizeof newer));
+        api.freeContext(c);
+        api.freeContext(probe);
+        api.closeStore(s);
+    }
+    Outcome r = nebra("sync --module " + uri("cardB") + " --csp Prov --pin-env PIN --prune");
+    EXPECT_TRUE(contains(r.out, "  ! CKAIDHEX:01  cardB user1 (its token record cannot be read"));
+    r = nebra("remove --csp Prov --token 'pkcs11:token=cardB'");
+    EXPECT_EQ(stored(), (Lines{"CKAIDHEX:01 ?"}));
+    buffer::Buffer<unsigned char> value;
+    ASSERT_TRUE(storetest::storedProperty(L"MY", der[2],
+                                          pkcs11::certstoreupdater::kTokenIdentityPropId, value));
+    EXPECT_EQ(std::string(value.begin(), value.end()), std::string(newer, newer + sizeof newer));
 }
 
 TEST_F(TwoTokens, ChoosingAndListingTokens) {

@@ -1,5 +1,7 @@
-// nebra list: the certificates bound to a key provider in a store, keyed by container.
+// nebra list: the certificates bound to a key provider in a store, with the tokens they came from.
+#include <algorithm>
 #include <iostream>
+#include <set>
 
 #include "tools/nebra/storecmd.h"
 
@@ -9,7 +11,8 @@ const char kUsage[] =
     "usage: nebra list [--csp NAME] [--store MY] [--json]\n"
     "\n"
     "Lists the certificates of a certificate store of the current user that are bound to a key\n"
-    "container of a key provider, one per container.\n"
+    "container of a key provider, and the tokens each was written from. Certificates of several\n"
+    "tokens that use the same key identifiers share a container name; each is listed.\n"
     "\n"
     "  --csp NAME    only the certificates bound to this provider (exact, case-sensitive);\n"
     "                without it, the certificates bound to any provider\n"
@@ -29,44 +32,71 @@ int run(const nebra::Args& args) {
     std::wstring csp = nebra::wideFromUtf8(args.get("csp"));
     std::wstring store = nebra::storeName(args);
     auto helper = nebra::openStore(args);
-    auto certs = helper->listCertsByCsp(csp, false);
+    using Entry = pkcs11::certstoreupdater::CertStoreHelper::TokenCertificate;
+    // Every certificate with the library's CSP reference (several may share a container), then
+    // those bound through key provider information alone, which the by-container map finds.
+    std::vector<Entry> certs = helper->listTokenCertificates(csp);
+    std::set<std::string> listed;
+    auto derOf = [](const asn1::Certificate& c) {
+        return std::string(reinterpret_cast<const char*>(c.der().data()), c.der().size());
+    };
+    for (const Entry& e : certs) listed.insert(derOf(e.certificate));
+    auto byContainer = helper->listCertsByCsp(csp, false);
+    for (const auto& entry : *byContainer)
+        if (!listed.count(derOf(entry.second.certificate)))
+            certs.push_back({entry.first.str(), entry.second.certificate, {}, false});
+    // By container, then by encoding: the same order whatever order the platform's store keeps.
+    std::sort(certs.begin(), certs.end(), [&](const Entry& a, const Entry& b) {
+        return a.container != b.container ? a.container < b.container
+                                          : derOf(a.certificate) < derOf(b.certificate);
+    });
 
     if (args.flag("json")) {
         std::cout << "{\"store\": " << nebra::jsonString(nebra::utf8(store))
                   << ", \"csp\": " << (csp.empty() ? "null" : nebra::jsonString(nebra::utf8(csp)))
                   << ", \"certificates\": [";
         const char* sep = "\n";
-        for (const auto& entry : *certs) {
-            const asn1::Certificate& c = entry.second.certificate;
-            std::cout << sep << "  {\"container\": " << nebra::jsonString(nebra::utf8(entry.first))
+        for (const Entry& e : certs) {
+            const asn1::Certificate& c = e.certificate;
+            std::cout << sep << "  {\"container\": " << nebra::jsonString(nebra::utf8(e.container))
                       << ", \"subject\": " << nebra::jsonString(nebra::utf8(c.subject().toString()))
                       << ", \"issuer\": " << nebra::jsonString(nebra::utf8(c.issuer().toString()))
                       << ", \"serial\": " << nebra::jsonString(hexOf(c.serialNumber()))
                       << ", \"notBefore\": " << nebra::jsonString(nebra::utf8(c.notBefore()))
-                      << ", \"notAfter\": " << nebra::jsonString(nebra::utf8(c.notAfter())) << "}";
+                      << ", \"notAfter\": " << nebra::jsonString(nebra::utf8(c.notAfter()))
+                      << ", \"tokens\": [";
+            for (std::size_t i = 0; i < e.tokens.size(); ++i)
+                std::cout << (i ? ", " : "") << nebra::jsonString(e.tokens[i].uri());
+            std::cout << "]" << (e.unreadable ? ", \"tokenRecordUnreadable\": true" : "") << "}";
             sep = ",\n";
         }
-        std::cout << (certs->empty() ? "]}\n" : "\n]}\n");
+        std::cout << (certs.empty() ? "]}\n" : "\n]}\n");
         return 0;
     }
 
     std::string bound = csp.empty() ? "any provider" : "'" + nebra::utf8(csp) + "'";
-    if (certs->empty()) {
+    if (certs.empty()) {
         std::cout << "No certificates bound to " << bound << " in store '" << nebra::utf8(store)
                   << "'.\n";
         return 0;
     }
-    std::cout << certs->size() << (certs->size() == 1 ? " certificate" : " certificates")
+    std::cout << certs.size() << (certs.size() == 1 ? " certificate" : " certificates")
               << " bound to " << bound << " in store '" << nebra::utf8(store) << "':\n";
-    for (const auto& entry : *certs) {
-        const asn1::Certificate& c = entry.second.certificate;
+    for (const Entry& e : certs) {
+        const asn1::Certificate& c = e.certificate;
         std::cout << "\n"
-                  << nebra::utf8(entry.first) << "\n"
+                  << nebra::utf8(e.container) << "\n"
                   << "  subject: " << nebra::utf8(c.subject().toString()) << "\n"
                   << "  issuer:  " << nebra::utf8(c.issuer().toString()) << "\n"
                   << "  serial:  " << hexOf(c.serialNumber()) << "\n"
                   << "  valid:   " << nebra::utf8(c.notBefore()) << " to "
-                  << nebra::utf8(c.notAfter()) << " UTC\n";
+                  << nebra::utf8(c.notAfter()) << " UTC\n"
+                  << "  tokens:  ";
+        if (e.unreadable) std::cout << "(a token record that cannot be read)";
+        if (e.tokens.empty() && !e.unreadable) std::cout << "none recorded";
+        for (std::size_t i = 0; i < e.tokens.size(); ++i)
+            std::cout << (i ? "\n           " : "") << e.tokens[i].uri();
+        std::cout << "\n";
     }
     return 0;
 }

@@ -1,5 +1,6 @@
 // nebra remove: deletes the certificates this library bound to a key provider from a store; all of
 // them, or only those recorded for the tokens a PKCS#11 URI names.
+#include <algorithm>
 #include <iostream>
 
 #include "tools/nebra/storecmd.h"
@@ -8,7 +9,8 @@
 namespace {
 
 const char kUsage[] =
-    "usage: nebra remove --csp NAME [--store MY] [--check-key-info] [--token URI] [--verbose]\n"
+    "usage: nebra remove --csp NAME [--store MY] [--check-key-info]\n"
+    "                    [--token URI [--all-matching]] [--verbose]\n"
     "\n"
     "Deletes from a certificate store of the current user every certificate that this library\n"
     "bound to the key provider NAME (recognised by its own CSP reference property). Other\n"
@@ -20,13 +22,17 @@ const char kUsage[] =
     "  --token URI       only the certificates recorded for the tokens this PKCS#11 URI names\n"
     "                    (e.g. 'pkcs11:token=cardA;serial=0123'); the token need not be present.\n"
     "                    A certificate that another token records too stays, for that token.\n"
+    "                    The URI must name the token, serial, manufacturer or model; tokens\n"
+    "                    without a serial number are never removed by token.\n"
+    "  --all-matching    remove for every recorded token the URI matches (without it, a URI\n"
+    "                    that matches more than one is refused and they are listed)\n"
     "  --verbose         log each certificate removed on stderr\n"
     "\n"
     "Exit status: 0 on success (also when there was nothing to delete), 1 on an error, 2 on bad\n"
     "usage.\n";
 
 int run(const nebra::Args& args) {
-    args.allow({"csp", "store", "check-key-info", "token", "verbose"});
+    args.allow({"csp", "store", "check-key-info", "token", "verbose", "all-matching"});
     if (!args.positional().empty())
         throw nebra::UsageError("unexpected argument " + args.positional()[0]);
     std::wstring csp = nebra::requiredCsp(args);
@@ -34,14 +40,34 @@ int run(const nebra::Args& args) {
     if (args.has("token")) {
         if (args.flag("check-key-info"))
             throw nebra::UsageError("--check-key-info and --token exclude each other");
+        using pkcs11::certstoreupdater::TokenIdentity;
         auto uri = pkcs11::certstoreupdater::Pkcs11Uri::parse(args.get("token"));
+        if (uri.path().empty())
+            throw nebra::UsageError(
+                "the URI " + args.get("token") +
+                " names no token: give at least one of token, serial, manufacturer, model");
+        auto helper = nebra::openStore(args);  // a store that cannot be opened is explained here
+        std::vector<TokenIdentity> matching;
+        for (const auto& tc : helper->listTokenCertificates(csp))
+            for (const TokenIdentity& t : tc.tokens)
+                if (uri.matches(t) &&
+                    std::find(matching.begin(), matching.end(), t) == matching.end())
+                    matching.push_back(t);
+        if (matching.size() > 1 && !args.flag("all-matching")) {
+            std::string list;
+            for (const TokenIdentity& t : matching) list += "\n  " + t.uri();
+            throw nebra::UsageError(args.get("token") + " matches " +
+                                    std::to_string(matching.size()) +
+                                    " recorded tokens; name one, or give --all-matching:" + list);
+        }
         nebra::SyncOptions o;
         o.csp = csp;
         o.verbose = args.flag("verbose") ? &std::cerr : nullptr;
-        nebra::openStore(args);  // a store that cannot be opened is explained here
-        nebra::StoreResult r = nebra::releaseTokens(
-            o, {nebra::utf8(store), "", false},
-            [&](const pkcs11::certstoreupdater::TokenIdentity& t) { return uri.matches(t); });
+        nebra::StoreResult r =
+            nebra::releaseTokens(o, {nebra::utf8(store), "", false},
+                                 [&](const TokenIdentity& t) { return uri.matches(t); });
+        if (!r.skipped.empty())
+            std::cerr << "nebra: some certificates were kept: " << r.skipped << "\n";
         std::cout << "Removed " << r.removed.size() << " certificates of the tokens matching "
                   << args.get("token") << " from store '" << nebra::utf8(store) << "'";
         if (!r.unlinked.empty())

@@ -16,7 +16,7 @@ using pkcs11::certstoreupdater::TokenIdentity;
 
 const char* kUsage =
     "usage: nebra sync --module PATH_OR_NAME_OR_URI --csp NAME [--store MY] [--roots STORE]\n"
-    "                  [--cas STORE] [--others STORE] [--prune] [--dry-run] [--json]\n"
+    "                  [--cas STORE] [--others STORE] [--prune] [--adopt] [--dry-run] [--json]\n"
     "                  [--pin-env VAR | --pin-file FILE] [--no-pin-pad] [--verbose]\n"
     "\n"
     "Logs in to the token and writes the certificates that have a private key on it into the\n"
@@ -36,7 +36,12 @@ const char* kUsage =
     "  --others STORE         also write the remaining certificates into STORE\n"
     "  --prune                remove this token's certificates from those stores when the token\n"
     "                         no longer has them (e.g. after a card was renewed); certificates\n"
-    "                         of other tokens, and those that record no token, are never touched\n"
+    "                         of other tokens, and those that record no token, are never touched.\n"
+    "                         A token without a serial number, or one of several present tokens\n"
+    "                         that report the same identity, is never pruned\n"
+    "  --adopt                record this token on certificates bound the same way that record\n"
+    "                         no token (written by an older version or by another program), so\n"
+    "                         that pruning and 'nebra remove --token' include them\n"
     "  --dry-run              print what would change and change nothing\n"
     "  --json                 print the result as JSON\n"
     "  --timings              report on stderr how long reading the token and the stores took\n"
@@ -47,13 +52,14 @@ const char* kUsage =
 
 int run(const Args& args) {
     args.allow({"module", "csp", "store", "roots", "cas", "others", "prune", "dry-run", "json",
-                "pin-env", "pin-file", "timings", "no-pin-pad", "verbose"});
+                "pin-env", "pin-file", "timings", "no-pin-pad", "verbose", "adopt"});
     TokenChoice choice = chooseToken(args);
     if (!args.has("csp") || args.get("csp").empty()) throw UsageError("--csp is required");
     SyncOptions options;
     options.csp = wideFromUtf8(args.get("csp"));
     options.prune = args.flag("prune");
     options.dryRun = args.flag("dry-run");
+    options.adopt = args.flag("adopt");
     options.verbose = args.flag("verbose") ? &std::cerr : nullptr;
     const std::vector<StoreTarget> targets = storeTargets(args);
 
@@ -66,9 +72,9 @@ int run(const Args& args) {
     auto all = helper->getAllCerts();
     const Clock::time_point tokenRead = Clock::now();
 
-    std::vector<StoreResult> results;
-    for (const StoreTarget& t : targets)
-        results.push_back(syncStore(options, t, groupOf(*all, t.group), token));
+    std::string problem;
+    if (options.prune) problem = identityProblem(token, presentWithIdentity(choice.module, token));
+    std::vector<StoreResult> results = syncToken(options, targets, *all, token, problem);
     if (args.flag("timings")) {
         auto ms = [](Clock::duration d) {
             return std::chrono::duration<double, std::milli>(d).count();

@@ -90,9 +90,8 @@ struct Watcher {
             Pkcs11Helper helper(choice.module, Pkcs11Uri::parse(t.uri()));
             loginToken(helper, args, choice, std::cerr, false);
             auto all = helper.getAllCerts();
-            std::vector<StoreResult> results;
-            for (const StoreTarget& target : targets)
-                results.push_back(syncStore(options, target, groupOf(*all, target.group), t));
+            std::vector<StoreResult> results =
+                syncToken(options, targets, *all, t, identityProblem(t));
             emit("synced", t, summary(results));
         } catch (const orvo::GenericEvent& e) {
             emit("error", t, failure(e));

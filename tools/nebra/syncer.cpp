@@ -1,6 +1,8 @@
 #include "tools/nebra/syncer.h"
 
 #include <cstdio>
+#include <map>
+#include <set>
 
 #include "platform/console.h"
 
@@ -47,12 +49,21 @@ void log(const SyncOptions& o, const StoreTarget& t, const char* what, const Cha
         *o.verbose << t.store << ": " << what << " " << c.container << "  " << c.name << "\n";
 }
 
+constexpr const char* kBlankSerial =
+    "the token has no serial number, so its certificates cannot be told apart from those of "
+    "another token of the same kind";
+
 // Takes the certificates recorded for a token that `ours` accepts, and that `keep` refuses, out
-// of the store: a certificate goes when no other token records it.
+// of the store: a certificate goes when no other token records it. A blank serial never
+// identifies a token well enough to remove by it.
 template <class Ours, class Keep>
 void release(const SyncOptions& o, const StoreTarget& t, CertStoreHelper& store, StoreResult& r,
              Ours ours, Keep keep) {
     for (const auto& tc : store.listTokenCertificates(o.csp)) {
+        if (tc.unreadable) {
+            r.unreadable.push_back({utf8(tc.container), displayName(tc.certificate)});
+            continue;
+        }
         if (tc.tokens.empty()) {
             ++r.unrecorded;
             continue;
@@ -62,6 +73,10 @@ void release(const SyncOptions& o, const StoreTarget& t, CertStoreHelper& store,
         bool touched = false;
         for (const TokenIdentity& token : tc.tokens) {
             if (!ours(token)) continue;
+            if (token.serial.empty()) {
+                r.skipped = kBlankSerial;
+                continue;
+            }
             touched = true;
             if (o.dryRun) {
                 --left;
@@ -76,6 +91,11 @@ void release(const SyncOptions& o, const StoreTarget& t, CertStoreHelper& store,
         (left == 0 ? r.removed : r.unlinked).push_back(c);
         log(o, t, left == 0 ? "removed" : "kept for another token", c);
     }
+}
+
+std::string derKey(const asn1::Certificate& cert) {
+    const auto& der = cert.der();
+    return std::string(reinterpret_cast<const char*>(der.data()), der.size());
 }
 
 std::string changesJson(const std::vector<Change>& v) {
@@ -107,48 +127,151 @@ const CertMap& groupOf(const CertListPackage& all, const std::string& group) {
     return all.certsWithPrivateKey;
 }
 
+namespace {
+
+// One store's group: adds what is missing, records the token on what is its own, rebinds a
+// certificate whose CKA_ID changed, and leaves everything else as it is.
 StoreResult syncStore(const SyncOptions& o, const StoreTarget& t, const CertMap& certs,
                       const TokenIdentity& token) {
-    StoreResult r{t.store, t.group, {}, {}, {}, {}, {}, 0};
+    StoreResult r;
+    r.store = t.store;
+    r.group = t.group;
     CertStoreHelper store(wideFromUtf8(t.store));
+    // The provider's certificates by DER: one walk of the store instead of a lookup per
+    // certificate that is present but bound otherwise.
+    std::map<std::string, CertStoreHelper::TokenCertificate> ours;
+    for (auto& tc : store.listTokenCertificates(o.csp)) ours.emplace(derKey(tc.certificate), tc);
+    std::set<std::string> seen;  // a token may hold one certificate under several CKA_IDs
     Progress progress(certs.size(), t.store);
     for (const auto& entry : certs) {
         const std::wstring container = entry.first.str();
         const CertItem& item = entry.second;
         Change c{utf8(entry.first), displayName(item)};
-        if (store.findCspCertificate(o.csp, container, item.certificate, t.keyProvInfo)) {
-            // Ours already; a certificate written before tokens were recorded is adopted here.
-            if (!o.dryRun) store.recordTokenIdentity(item.certificate, token);
+        const std::string key = derKey(item.certificate);
+        auto found = ours.find(key);
+        const CertStoreHelper::TokenCertificate* mine =
+            found == ours.end() ? nullptr : &found->second;
+        auto record = [&] {
+            if (o.dryRun) return;
+            if (store.recordTokenIdentity(item.certificate, token) ==
+                CertStoreHelper::Record::Unreadable)
+                r.unreadable.push_back(c);
+        };
+        const bool again = !seen.insert(key).second;
+        if (!again && store.findCspCertificate(o.csp, container, item.certificate, t.keyProvInfo)) {
+            // Bound this way already. One that records no token is not taken over unless asked:
+            // a host program may have written it.
+            if (mine && mine->unreadable)
+                r.unreadable.push_back(c);
+            else if (mine && (!mine->tokens.empty() || o.adopt))
+                record();
             r.unchanged.push_back(c);
             log(o, t, "unchanged", c);
-        } else if (store.findCertificate(item.certificate)) {
-            // Present but not bound this way: adding never replaces a stored certificate.
-            r.kept.push_back(c);
-            log(o, t, "present but bound otherwise, left as it is:", c);
-        } else {
+        } else if (!again && !store.findCertificate(item.certificate)) {
             if (!o.dryRun) {
                 store.addCspCertificate(o.csp, container, item.label.str(), item.certificate,
                                         t.keyProvInfo, true, true);
-                store.recordTokenIdentity(item.certificate, token);
+                record();
             }
             r.added.push_back(c);
             log(o, t, ("added, bound to " + utf8(o.csp) + " container").c_str(), c);
+        } else if (!again && mine && !mine->unreadable && mine->tokens.size() == 1 &&
+                   mine->tokens[0] == token) {
+            // Only this token's, under another container (or without the key provider
+            // information this group needs): its CKA_ID changed. Bind it anew.
+            if (!o.dryRun) {
+                store.deleteCertificate(item.certificate);
+                store.addCspCertificate(o.csp, container, item.label.str(), item.certificate,
+                                        t.keyProvInfo, true, true);
+                record();
+            }
+            r.rebound.push_back({utf8(mine->container) + " -> " + c.container, c.name});
+            log(o, t, "rebound to container", c);
+        } else if (!again && mine && !mine->unreadable && !mine->tokens.empty()) {
+            // Another token's binding: it stays, and records this token too, so that the other
+            // token's removal does not take it while this one still holds it.
+            record();
+            r.shared.push_back({utf8(mine->container), c.name});
+            log(o, t, "bound for another token, recorded for this one too:", c);
+        } else {
+            // Present but not this provider's, or a duplicate on the token: never replaced.
+            r.kept.push_back(c);
+            log(o, t, "present but bound otherwise, left as it is:", c);
         }
         progress.step();
     }
-    if (!o.prune) return r;
-    // Only this token's certificates that it no longer holds (under the same container).
-    auto isToken = [&](const TokenIdentity& id) { return id == token; };
-    release(o, t, store, r, isToken, [&](const CertStoreHelper::TokenCertificate& tc) {
-        auto onToken = certs.find(buffer::Buffer<wchar_t>(tc.container));
-        return onToken != certs.end() && onToken->second.certificate.der() == tc.certificate.der();
-    });
     return r;
+}
+
+}  // namespace
+
+std::string identityProblem(const TokenIdentity& token, std::size_t present) {
+    if (token.serial.empty()) return kBlankSerial;
+    if (present > 1)
+        return std::to_string(present) +
+               " tokens present report the same manufacturer, model, serial and label, so their "
+               "certificates cannot be told apart";
+    return "";
+}
+
+std::size_t presentWithIdentity(const std::string& module, const TokenIdentity& token) {
+    pkcs11::Libraries& registry = pkcs11::Libraries::instance();
+    pkcs11::CkLibrary lib = registry.load(module);
+    struct Unload {
+        pkcs11::Libraries& r;
+        const pkcs11::CkLibrary& lib;
+        ~Unload() { r.unload(lib); }
+    } unload{registry, lib};
+    std::size_t n = 0;
+    pkcs11::CkSlots slots(lib, true);
+    for (const pkcs11::CkSlot& slot : slots.entries()) {
+        try {
+            pkcs11::CkTokenInfo info = pkcs11::CkToken(slot).info();
+            // A blank token (SoftHSM2 always offers one) holds nothing and is nobody's.
+            if ((info.flags & CKF_TOKEN_INITIALIZED) && TokenIdentity::of(info) == token) ++n;
+        } catch (const orvo::GenericEvent&) {
+            // A token that cannot be asked is not counted.
+        }
+    }
+    return n;
+}
+
+std::vector<StoreResult> syncToken(const SyncOptions& o, const std::vector<StoreTarget>& targets,
+                                   const CertListPackage& all, const TokenIdentity& token,
+                                   const std::string& problem) {
+    std::vector<StoreResult> results;
+    for (const StoreTarget& t : targets)
+        results.push_back(syncStore(o, t, groupOf(all, t.group), token));
+    if (!o.prune) return results;
+    // Prune per certificate over everything the token holds, whatever its group: one store may
+    // take several groups, and a certificate may move between groups.
+    std::set<std::string> held;
+    for (const CertMap* group :
+         {&all.certsWithPrivateKey, &all.rootCerts, &all.caCerts, &all.otherCerts})
+        for (const auto& entry : *group) held.insert(derKey(entry.second.certificate));
+    std::set<std::string> pruned;
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+        if (!pruned.insert(targets[i].store).second) continue;
+        StoreResult& r = results[i];
+        if (!problem.empty()) {
+            r.skipped = problem;
+            continue;
+        }
+        CertStoreHelper store(wideFromUtf8(targets[i].store));
+        release(
+            o, targets[i], store, r, [&](const TokenIdentity& id) { return id == token; },
+            [&](const CertStoreHelper::TokenCertificate& tc) {
+                return held.count(derKey(tc.certificate)) != 0;
+            });
+    }
+    return results;
 }
 
 StoreResult releaseTokens(const SyncOptions& o, const StoreTarget& t,
                           const std::function<bool(const TokenIdentity&)>& ours) {
-    StoreResult r{t.store, t.group, {}, {}, {}, {}, {}, 0};
+    StoreResult r;
+    r.store = t.store;
+    r.group = t.group;
     CertStoreHelper store(wideFromUtf8(t.store));
     release(o, t, store, r, ours, [](const CertStoreHelper::TokenCertificate&) { return false; });
     return r;
@@ -164,13 +287,24 @@ void printResults(std::ostream& out, const std::vector<StoreResult>& results, bo
         if (!r.kept.empty()) out << ", " << r.kept.size() << " present but bound otherwise";
         if (prune) out << ", " << r.removed.size() << " " << verbRemove;
         if (!r.unlinked.empty()) out << ", " << r.unlinked.size() << " kept for another token";
+        if (!r.rebound.empty()) out << ", " << r.rebound.size() << " rebound";
+        if (!r.shared.empty()) out << ", " << r.shared.size() << " shared with another token";
         out << "\n";
+        if (!r.skipped.empty()) out << "  nothing removed: " << r.skipped << "\n";
         for (const Change& c : r.added) out << "  + " << c.container << "  " << c.name << "\n";
         for (const Change& c : r.kept)
             out << "  = " << c.container << "  " << c.name << " (left as it is)\n";
         for (const Change& c : r.removed) out << "  - " << c.container << "  " << c.name << "\n";
         for (const Change& c : r.unlinked)
             out << "  ~ " << c.container << "  " << c.name << " (still on another token)\n";
+        for (const Change& c : r.rebound)
+            out << "  > " << c.container << "  " << c.name << " (its CKA_ID changed)\n";
+        for (const Change& c : r.shared)
+            out << "  = " << c.container << "  " << c.name
+                << " (bound for another token that has it too; recorded for this one as well)\n";
+        for (const Change& c : r.unreadable)
+            out << "  ! " << c.container << "  " << c.name
+                << " (its token record cannot be read: left as it is)\n";
         if (prune && r.unrecorded)
             out << "  (" << r.unrecorded
                 << " certificates of this provider record no token and were left alone; "
@@ -188,7 +322,11 @@ std::string resultsJson(const std::vector<StoreResult>& results) {
                ",\"keptUnbound\":" + changesJson(r.kept) +
                ",\"removed\":" + changesJson(r.removed) +
                ",\"keptForOtherTokens\":" + changesJson(r.unlinked) +
-               ",\"withoutToken\":" + std::to_string(r.unrecorded) + "}";
+               ",\"rebound\":" + changesJson(r.rebound) +
+               ",\"sharedWithOtherTokens\":" + changesJson(r.shared) +
+               ",\"unreadableTokenRecord\":" + changesJson(r.unreadable) +
+               ",\"withoutToken\":" + std::to_string(r.unrecorded) +
+               (r.skipped.empty() ? "" : ",\"notRemovedBecause\":" + jsonString(r.skipped)) + "}";
     }
     return out + "]";
 }
