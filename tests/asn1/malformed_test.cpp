@@ -230,7 +230,7 @@ TEST(Events, EachRuleRaisesItsEvent) {
          {tlv(0x17, "241301000000Z"), tlv(0x17, "2401010000Z"), tlv(0x17, "230229000000Z"),
           tlv(0x17, "240101000000+0100"), tlv(0x17, "240101240000Z"), tlv(0x17, "24010100000aZ"),
           tlv(0x18, "20240101000000.50Z"), tlv(0x18, "20240101000000.Z"),
-          tlv(0x18, "202401010000Z")})
+          tlv(0x18, "202401010000Z"), tlv(0x18, "21000229000000Z")})  // 2100 is no leap year
         cases.push_back({part(&CertParts::validity, tlv(0x30, t + tlv(0x17, "340101000000Z"))), D,
                          kDer, 97,
                          "CAUSE=InvalidTimeEncoding;TYPE_NAME=Validity;FIELD_NAME=notBefore"});

@@ -504,6 +504,20 @@ TEST_F(Helper, EveryFailingStoreCallRaisesItsEventAndKeepsWhatWasDone) {
     EXPECT_EQ(bound(), 3u);
     sweep();
     EXPECT_EQ(bound(), 0u);
+
+    // A token record that cannot be written is an event, and what was recorded stays.
+    using pkcs11::certstoreupdater::TokenIdentity;
+    const TokenIdentity a{L"M", L"m", L"1", L"a"}, b{L"M", L"m", L"2", L"b"};
+    adds(L"T", L"", "alice")();
+    auto tokens = [&] { return h_->listTokenCertificates(L"P").at(0).tokens.size(); };
+    faults.fail(F::SetProp, 5, pkcs11::certstoreupdater::kTokenIdentityPropId);
+    raises([&] { h_->recordTokenIdentity(cert("alice"), a); }, "SetTokenIdentityFailed", 610);
+    EXPECT_EQ(tokens(), 0u);
+    h_->recordTokenIdentity(cert("alice"), a);
+    h_->recordTokenIdentity(cert("alice"), b);
+    faults.fail(F::SetProp, 5, pkcs11::certstoreupdater::kTokenIdentityPropId);
+    raises([&] { h_->releaseTokenCertificate(cert("alice"), a); }, "SetTokenIdentityFailed", 610);
+    EXPECT_EQ(tokens(), 2u);
 }
 
 TEST(CertStoreHelperProviders, ListsInstalledProvidersInOrderAndReportsAFailedRead) {
