@@ -19,7 +19,7 @@ TEST_PACKAGES=(
   ca-certificates sqlite3 p11-kit gnutls-bin libboost-dev
   g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64
   attr osslsigncode python3 bc
-  dpkg-dev file xz-utils patch perl autoconf flex bison
+  dpkg-dev file xz-utils patch perl autoconf flex bison groff-base lintian
 )
 APT_OPTIONS=()
 case "${1:-all}" in

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # The Linux packages as a user gets them, run without LD_LIBRARY_PATH: the native build installed
-# with `cmake --install` into a prefix that is then moved, and the .deb of `cpack -G DEB` unpacked
-# into a scratch root. The .deb must depend on runtime packages only, and its tool must read a
-# SoftHSM2 token through the module's p11-kit registration.
+# with `cmake --install` into a prefix that is then moved, and the three .debs of `cpack -G DEB`
+# (libnebralib0, libnebralib-dev, nebra) unpacked into a scratch root. Debian 12's lintian must
+# find no error and no warning that is not overridden with its reason. The library package must
+# depend on runtime packages only, and the tool must read a SoftHSM2 token through the module's
+# p11-kit registration.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 ROOT=$PWD
@@ -34,22 +36,60 @@ check_tool "$work/moved/bin/nebra" "$work/moved/lib"
 echo "installed prefix: nebra runs after the prefix moved (RUNPATH" \
   "$(readelf -d "$work/moved/bin/nebra" | sed -n 's/.*R.*PATH.*\[\(.*\)\]/\1/p'))"
 
-# 2. The .deb.
+# 2. The .debs.
+rm -f "$BUILD"/*.deb
 (cd "$BUILD" && cpack -G DEB >/dev/null)
-deb=$BUILD/nebralib_${version}_$(dpkg --print-architecture).deb
-[ -f "$deb" ] || fail "cpack did not write $deb"
-[ "$(dpkg-deb -f "$deb" Version)" = "$version" ] || fail "package version is not $version"
-depends=$(dpkg-deb -f "$deb" Depends)
-echo "$(basename "$deb") Depends: $depends"
-for lib in libc6 libstdc++6 libssl3 libsqlite3-0 libp11-kit0 libboost-filesystem1.74.0; do
-  echo "$depends" | tr ',' '\n' | grep -q "^ *$lib\b" || fail "Depends lacks $lib"
+arch=$(dpkg --print-architecture)
+debs=()
+for pkg in libnebralib0 libnebralib-dev nebra; do
+  deb=$BUILD/${pkg}_${version}_$arch.deb
+  [ -f "$deb" ] || fail "cpack did not write $deb"
+  [ "$(dpkg-deb -f "$deb" Version)" = "$version" ] || fail "$pkg's version is not $version"
+  [ "$(dpkg-deb -f "$deb" Maintainer)" != "" ] || fail "$pkg names no maintainer"
+  echo "$(basename "$deb") Depends: $(dpkg-deb -f "$deb" Depends)"
+  debs+=("$deb")
 done
-if echo "$depends" | grep -q -- '-dev\b'; then fail "Depends names a -dev package"; fi
+depends=$(dpkg-deb -f "$BUILD/libnebralib0_${version}_$arch.deb" Depends)
+for lib in libc6 libstdc++6 libssl3 libsqlite3-0 libp11-kit0 libboost-filesystem1.74.0; do
+  echo "$depends" | tr ',' '\n' | grep -q "^ *$lib\b" || fail "libnebralib0's Depends lacks $lib"
+done
+if echo "$depends" | grep -q -- '-dev\b'; then fail "libnebralib0 depends on a -dev package"; fi
+dpkg-deb -f "$BUILD/nebra_${version}_$arch.deb" Depends | grep -q "libnebralib0 (= $version)" ||
+  fail "nebra does not depend on its library package"
+
+# lintian as Debian 12 ships it: errors and warnings fail; overrides carry their reasons.
+if command -v lintian >/dev/null; then
+  lintian --fail-on error,warning "${debs[@]}" >"$work/lintian" 2>&1 ||
+    { cat "$work/lintian"; fail "lintian found errors or warnings"; }
+  echo "lintian: $(grep -c '^E:' "$work/lintian" || true) errors," \
+    "$(grep -c '^W:' "$work/lintian" || true) warnings," \
+    "$(lintian --show-overrides "${debs[@]}" 2>/dev/null | grep -c '^O:' || true) overridden"
+else
+  fail "lintian is not installed (scripts/deps.sh installs it)"
+fi
+
 echo "contents:"
-dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print "  " $6 ($7 ? " " $7 " " $8 : "")}'
-dpkg -x "$deb" "$work/root"
+for deb in "${debs[@]}"; do
+  dpkg-deb -c "$deb" | awk -v p="$(basename "$deb")" '$1 !~ /^d/ {print "  " p ": " $6 ($7 ? " " $7 " " $8 : "")}'
+  dpkg -x "$deb" "$work/root"
+done
 check_tool "$work/root/usr/bin/nebra" "$work/root/usr/lib"
 grep -qx softhsm2 "$work/providers" || fail "providers does not list the registered softhsm2"
+for pkg in libnebralib0 libnebralib-dev nebra; do
+  grep -q "^License: Apache-2.0" "$work/root/usr/share/doc/$pkg/copyright" ||
+    fail "$pkg's copyright does not name Apache-2.0"
+done
+# The manual page covers every subcommand and every option its help names.
+zcat "$work/root/usr/share/man/man1/nebra.1.gz" >"$work/nebra.1"
+groff -ww -man -z "$work/nebra.1" 2>&1 | { ! grep .; } || fail "groff warns about the manual page"
+for cmd in $("$work/root/usr/bin/nebra" --help | sed -n 's/^  \([a-z]\+\)  .*/\1/p'); do
+  grep -q "^\.SS \"$cmd\b" "$work/nebra.1" || fail "the manual page does not describe 'nebra $cmd'"
+  for opt in $("$work/root/usr/bin/nebra" "$cmd" --help | grep -o -- '--[a-z][a-z-]*' | sort -u); do
+    grep -qF -- "$(echo "$opt" | sed 's/-/\\-/g')" "$work/nebra.1" ||
+      fail "the manual page does not mention 'nebra $cmd $opt'"
+  done
+done
+echo "manual page: every subcommand and option of the help is in nebra(1)"
 
 . scripts/softhsm.sh
 export SOFTHSM2_CONF=$(softhsm_conf "$work") PKG_PIN=1234

@@ -29,7 +29,8 @@ echo "$(basename "$zip"):"
 (cd "$work/unpacked" && find . -type f | sort | sed 's|^\./|  |')
 for f in bin/nebralib.dll bin/nebra.exe lib/libnebralib.dll.a lib/cmake/nebralib/nebralibConfig.cmake \
   lib/cmake/nebralib/nebralibConfigVersion.cmake lib/cmake/nebralib/nebralibTargets.cmake \
-  include/nebralib/nebralib.h include/nebralib/export.h include/nebralib/version.h; do
+  include/nebralib/nebralib.h include/nebralib/export.h include/nebralib/version.h \
+  share/doc/nebralib/LICENSE share/doc/nebralib/README.md share/doc/nebralib/nebra.txt; do
   [ -f "$pkg/$f" ] || fail "the zip has no $f"
 done
 
