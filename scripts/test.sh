@@ -5,6 +5,12 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
+# Started with `env -i`, a shell has no PATH, HOME or locale: the standard PATH (tools such as
+# cmake find their own files through it), the user's home from the password database, and a
+# UTF-8 locale for the file names the tests and Wine use.
+export PATH=${PATH:-/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin}
+if [ -z "${HOME:-}" ]; then HOME=$(getent passwd "$(id -u)" | cut -d: -f6); export HOME; fi
+export LC_ALL=${NEBRA_LOCALE:-C.UTF-8}
 
 bash scripts/deps.sh
 

@@ -4,4 +4,7 @@
 # crypt32, scripts/build-wine-crypt32.sh).
 wine=$1
 shift
+# Wine takes its ANSI code page from the locale; the tests use non-ASCII file names, which the
+# C locale's code page cannot express.
+export LC_ALL=C.UTF-8
 exec "${NEBRA_WINE_LAUNCHER:-$wine}" "$@"
