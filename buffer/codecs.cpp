@@ -236,4 +236,73 @@ Buffer<wchar_t> utf8OrBytes(const unsigned char* p, std::size_t n) {
     }
 }
 
+bool utf16FromUtf8(const unsigned char* p, std::size_t n, std::wstring& out) {
+    out.clear();
+    out.reserve(n);
+    for (std::size_t i = 0; i < n;) {
+        const unsigned char b = p[i];
+        std::uint32_t cp;
+        std::size_t len;
+        if (b < 0x80) {
+            cp = b, len = 1;
+        } else if (b >= 0xC2 && b <= 0xDF) {
+            cp = b & 0x1F, len = 2;
+        } else if (b >= 0xE0 && b <= 0xEF) {
+            cp = b & 0x0F, len = 3;
+        } else if (b >= 0xF0 && b <= 0xF4) {
+            cp = b & 0x07, len = 4;
+        } else {
+            return false;
+        }
+        if (n - i < len) return false;
+        for (std::size_t k = 1; k < len; ++k) {
+            if ((p[i + k] & 0xC0) != 0x80) return false;
+            cp = (cp << 6) | (p[i + k] & 0x3F);
+        }
+        static const std::uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
+        if (cp < kMin[len] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+        if (cp > 0xFFFF) {
+            cp -= 0x10000;
+            out += static_cast<wchar_t>(0xD800 + (cp >> 10));
+            out += static_cast<wchar_t>(0xDC00 + (cp & 0x3FF));
+        } else {
+            out += static_cast<wchar_t>(cp);
+        }
+        i += len;
+    }
+    return true;
+}
+
+std::string utf8FromUtf16(const wchar_t* p, std::size_t n) {
+    std::string out;
+    out.reserve(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        std::uint32_t u = static_cast<std::uint32_t>(p[i]) & 0xFFFF;
+        if (u >= 0xD800 && u <= 0xDBFF && i + 1 < n) {
+            std::uint32_t low = static_cast<std::uint32_t>(p[i + 1]) & 0xFFFF;
+            if (low >= 0xDC00 && low <= 0xDFFF) {
+                u = 0x10000 + ((u - 0xD800) << 10) + (low - 0xDC00);
+                ++i;
+            }
+        }
+        if (u >= 0xD800 && u <= 0xDFFF) u = 0xFFFD;  // unpaired
+        if (u < 0x80) {
+            out += static_cast<char>(u);
+        } else if (u < 0x800) {
+            out += static_cast<char>(0xC0 | (u >> 6));
+            out += static_cast<char>(0x80 | (u & 0x3F));
+        } else if (u < 0x10000) {
+            out += static_cast<char>(0xE0 | (u >> 12));
+            out += static_cast<char>(0x80 | ((u >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (u & 0x3F));
+        } else {
+            out += static_cast<char>(0xF0 | (u >> 18));
+            out += static_cast<char>(0x80 | ((u >> 12) & 0x3F));
+            out += static_cast<char>(0x80 | ((u >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (u & 0x3F));
+        }
+    }
+    return out;
+}
+
 }  // namespace buffer

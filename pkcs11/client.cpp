@@ -13,11 +13,16 @@ void check(CK_RV rv, const sites::Site& site) {
     if (rv != CKR_OK) raiseCryptokiError(rv, site.file, site.line);
 }
 
-// Token-info texts are blank-padded UTF-8; a module that puts other bytes there still gets a
+// Token-info texts are blank-padded UTF-8 (characters above U+FFFF as surrogate pairs, so that a
+// name survives a trip through a URI); a module that puts other bytes there still gets a
 // readable text (bytes taken one per unit) rather than an error.
 buffer::Buffer<wchar_t> paddedText(const unsigned char* p, std::size_t n) {
     while (n > 0 && (p[n - 1] == ' ' || p[n - 1] == '\0')) --n;
-    return buffer::utf8OrBytes(p, n);
+    std::wstring text;
+    if (buffer::utf16FromUtf8(p, n, text)) return buffer::Buffer<wchar_t>(text);
+    buffer::Buffer<wchar_t> bytes;
+    for (std::size_t i = 0; i < n; ++i) bytes.append(static_cast<wchar_t>(p[i]));
+    return bytes;
 }
 
 }  // namespace

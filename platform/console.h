@@ -21,5 +21,15 @@ NEBRALIB_EXPORT bool narrowPath(const std::string& utf8, std::string& out);
 // Whether standard error is a terminal (for progress lines).
 NEBRALIB_EXPORT bool stderrIsTerminal();
 
+// Calls `stop` (which must be async-signal-safe: set a flag) when the user asks the program to
+// end: SIGINT or SIGTERM; on Windows Ctrl-C, Ctrl-Break, closing the console window, logoff or
+// shutdown. For a closed console Windows ends the process soon after the handler returns, so the
+// handler waits up to four seconds for the program to finish on its own.
+NEBRALIB_EXPORT void onStopRequest(void (*stop)());
+
+// Why a file that holds a secret (a PIN) must not be read, or "" when it may: it must be a regular
+// file, and on POSIX systems neither group nor others may have any access to it.
+NEBRALIB_EXPORT std::string secretFileProblem(const std::string& utf8Path);
+
 }  // namespace console
 }  // namespace platform

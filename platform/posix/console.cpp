@@ -1,7 +1,10 @@
 #include "platform/console.h"
 
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <cstdio>
 #include <iostream>
@@ -39,6 +42,34 @@ bool narrowPath(const std::string& utf8, std::string& out) {
 
 bool stderrIsTerminal() {
     return isatty(STDERR_FILENO) != 0;
+}
+
+namespace {
+void (*gStop)() = nullptr;
+extern "C" void onStopSignal(int) {
+    if (gStop) gStop();
+}
+}  // namespace
+
+void onStopRequest(void (*stop)()) {
+    gStop = stop;
+    struct sigaction sa {};
+    sa.sa_handler = onStopSignal;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+}
+
+std::string secretFileProblem(const std::string& path) {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0) return "it cannot be read";
+    if (!S_ISREG(st.st_mode)) return "it is not a regular file";
+    if (st.st_mode & 077) {
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+        return std::string("group or others may access it (mode ") + mode + "); chmod 600 it";
+    }
+    return "";
 }
 
 }  // namespace console

@@ -72,5 +72,35 @@ bool stderrIsTerminal() {
     return _isatty(_fileno(stderr)) != 0;
 }
 
+namespace {
+void (*gStop)() = nullptr;
+BOOL WINAPI onConsoleEvent(DWORD type) {
+    if (!gStop) return FALSE;
+    gStop();
+    // Closing the window, logoff and shutdown end the process once this returns: give the
+    // program's loop time to stop on its own first.
+    if (type == CTRL_CLOSE_EVENT || type == CTRL_LOGOFF_EVENT || type == CTRL_SHUTDOWN_EVENT)
+        Sleep(4000);
+    return TRUE;
+}
+}  // namespace
+
+void onStopRequest(void (*stop)()) {
+    gStop = stop;
+    SetConsoleCtrlHandler(onConsoleEvent, TRUE);
+}
+
+std::string secretFileProblem(const std::string& path) {
+    int size = static_cast<int>(path.size());
+    int n = MultiByteToWideChar(CP_UTF8, 0, path.data(), size, nullptr, 0);
+    std::wstring wide(static_cast<std::size_t>(n > 0 ? n : 0), L'\0');
+    if (n > 0) MultiByteToWideChar(CP_UTF8, 0, path.data(), size, &wide[0], n);
+    DWORD attributes = GetFileAttributesW(wide.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES) return "it cannot be read";
+    if (attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE))
+        return "it is not a regular file";
+    return "";  // access is the file's ACL's business on Windows
+}
+
 }  // namespace console
 }  // namespace platform

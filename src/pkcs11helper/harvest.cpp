@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "nebralib/buffer/codecs.h"
+#include "nebralib/events/certstoreupdatererror.h"
 #include "nebralib/pkcs11helper.h"
 
 namespace pkcs11 {
@@ -11,6 +12,31 @@ namespace certstoreupdater {
 namespace {
 
 using KeyIds = std::set<buffer::Buffer<unsigned char>>;
+
+// A search that has not ended after this many objects, or hands out a handle a second time, is a
+// module gone wrong (a card's middleware looping over its file system): the walk stops there.
+constexpr std::size_t kMaxObjects = 100000;
+constexpr int kLineRunawaySearch = 150;
+
+// Walks the finder to its end, handing each object to `take`.
+template <class Take>
+void walk(CkObjectsFinder& finder, Take take) {
+    std::set<CK_OBJECT_HANDLE> seen;
+    CK_OBJECT_HANDLE handle;
+    while (finder.next(handle)) {
+        const bool again = !seen.insert(handle).second;
+        if (again || seen.size() > kMaxObjects)
+            throw Pkcs11Error_CryptokiError(buffer::Buffer<wchar_t>(L"src\\pkcs11helper"),
+                                            kLineRunawaySearch)
+                .setParam(L"CRYPTOKY_ERROR_CODE", buffer::decimal(CKR_FUNCTION_FAILED))
+                .setParam(L"REASON", again ? L"the module's object search returned the same "
+                                             L"object twice and would not end"
+                                           : L"the module's object search returned more than "
+                                             L"100000 objects and would not end");
+        take(handle);
+    }
+    finder.final();
+}
 
 // Certificate objects on the token (not session objects), in search order.
 std::vector<CertItem> readCertificates(const CkSession& session) {
@@ -22,8 +48,7 @@ std::vector<CertItem> readCertificates(const CkSession& session) {
     CkAttributes values;
     values.add(CKA_VALUE).add(CKA_ID).add(CKA_LABEL);
     std::vector<CertItem> certs;
-    CK_OBJECT_HANDLE handle;
-    while (finder.next(handle)) {
+    walk(finder, [&](CK_OBJECT_HANDLE handle) {
         CkObject(session, handle).get(values);
         CertItem item;
         item.certificate = asn1::Certificate(values.value(CKA_VALUE));
@@ -31,8 +56,7 @@ std::vector<CertItem> readCertificates(const CkSession& session) {
         buffer::BufferRange<unsigned char> label = values.view(CKA_LABEL);
         item.label = buffer::Utf8Decoder::decode(label.begin(), label.size());
         certs.push_back(std::move(item));
-    }
-    finder.final();
+    });
     return certs;
 }
 
@@ -44,12 +68,10 @@ KeyIds readPrivateKeyIds(const CkSession& session) {
     CkAttributes values;
     values.add(CKA_ID);
     KeyIds ids;
-    CK_OBJECT_HANDLE handle;
-    while (finder.next(handle)) {
+    walk(finder, [&](CK_OBJECT_HANDLE handle) {
         CkObject(session, handle).get(values);
         ids.insert(values.value(CKA_ID));
-    }
-    finder.final();
+    });
     return ids;
 }
 

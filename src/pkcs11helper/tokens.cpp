@@ -59,16 +59,10 @@ std::string decode(const std::string& uri, const std::string& v, const char* for
     return out;
 }
 
-// Strict UTF-8: the codec reads some malformed sequences leniently, so a text counts as UTF-8
-// only when it encodes back to the same bytes.
+// Strict UTF-8, characters above U+FFFF as surrogate pairs, so that every name survives a trip
+// through a URI or a store's token record.
 bool strictUtf8(const unsigned char* p, std::size_t n, std::wstring& out) {
-    try {
-        out = buffer::Utf8Decoder::decode(p, n).str();
-    } catch (const buffer::BufferError&) {
-        return false;
-    }
-    buffer::Buffer<unsigned char> back = buffer::Utf8Encoder::encode(out);
-    return back.size() == n && std::equal(p, p + n, back.data());
+    return buffer::utf16FromUtf8(p, n, out);
 }
 
 bool isVendor(const std::string& name) {
@@ -76,19 +70,19 @@ bool isVendor(const std::string& name) {
 }
 
 void appendField(buffer::Buffer<unsigned char>& out, const std::wstring& text) {
-    buffer::Buffer<unsigned char> bytes = buffer::Utf8Encoder::encode(text);
+    const std::string bytes = buffer::utf8FromUtf16(text);
     std::size_t n = bytes.size() > 255 ? 255 : bytes.size();
     // Token-info texts are at most 32 bytes; anything longer is cut at a character boundary.
-    while (n < bytes.size() && n > 0 && (bytes[n] & 0xC0) == 0x80) --n;
+    while (n < bytes.size() && n > 0 && (static_cast<unsigned char>(bytes[n]) & 0xC0) == 0x80) --n;
     out.append(static_cast<unsigned char>(n));
-    for (std::size_t i = 0; i < n; ++i) out.append(bytes[i]);
+    for (std::size_t i = 0; i < n; ++i) out.append(static_cast<unsigned char>(bytes[i]));
 }
 
 // RFC 3986 unreserved characters stay; everything else is percent-encoded.
 std::string encodeValue(const std::wstring& text) {
     static const char hex[] = "0123456789ABCDEF";
     std::string out;
-    for (unsigned char c : buffer::toUtf8(text)) {
+    for (unsigned char c : buffer::utf8FromUtf16(text)) {
         if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
             c == '-' || c == '.' || c == '_' || c == '~') {
             out += static_cast<char>(c);
@@ -186,8 +180,10 @@ Pkcs11Uri Pkcs11Uri::parse(const std::string& text) {
             if (eq == std::string::npos || eq == 0)
                 invalid(text, "attribute '" + item + "' is not of the form name=value");
             std::string name = item.substr(0, eq);
+            // Vendor attributes ("x-" names) may also use '_' (RFC 7512).
             for (char c : name)
-                if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-')
+                if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-' &&
+                    !(c == '_' && isVendor(name)))
                     invalid(text, "'" + name + "' is not an attribute name");
             take(name, decode(text, item.substr(eq + 1), forbidden));
             if (end == part.size()) break;

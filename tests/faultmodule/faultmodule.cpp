@@ -6,19 +6,28 @@
 //   NEBRA_FAULT_TARGET  path of the real module (default: the SoftHSM2 module of this build)
 //   NEBRA_FAULT         comma-separated rules: "C_Name=RV" (every call fails with RV, hex or
 //                       decimal), "C_Name=RV@N" (only the N-th call from now fails),
-//                       "C_GetSlotList=empty" (no slot reported), "C_FindObjects=batch:N" (at
-//                       most N handles per call, as cards hand them out), and "PINPAD=PIN": every
-//                       token claims a PIN pad (CKF_PROTECTED_AUTHENTICATION_PATH in
-//                       C_GetTokenInfo) and a C_Login without a PIN (null, length 0) logs in with
-//                       PIN, as if typed on the reader's keypad; a C_Login with a PIN is forwarded;
-//                       "SERIAL=TEXT", "LABEL=TEXT": every token reports this serial number or
-//                       label (blank when empty), as identical cards of one kind can
-//   NEBRA_FAULT_COUNTS  file that receives "C_Name count" lines when the module is finalised
+//                       "C_GetSlotList=empty" (no slot with a token reported), "C_GetSlotList=
+//                       none" (no slot at all, as with no reader or no smart-card service),
+//                       "C_FindObjects=batch:N" (at most N handles per call, as cards hand them
+//                       out), "C_FindObjects=loop" (the first object found, over and over: a search
+//                       that never ends), "TOKENFLAGS=X" (flags ORed into every C_GetTokenInfo,
+//                       e.g. 0x20000 for CKF_USER_PIN_FINAL_TRY), and "PINPAD=PIN": every token
+//                       claims a PIN pad (CKF_PROTECTED_AUTHENTICATION_PATH in C_GetTokenInfo) and
+//                       a C_Login without a PIN (null, length 0) logs in with PIN, as if typed on
+//                       the reader's keypad; a C_Login with a PIN is forwarded; "SERIAL=TEXT",
+//                       "LABEL=TEXT": every token reports this serial number or label (blank when
+//                       empty), as identical cards of one kind can (PIN "wait": the keypad never
+//                       answers, C_Login blocks)
+//   NEBRA_FAULT_FILE    file whose text replaces the rules whenever it changes (counts are kept),
+//                       for faults that come and go while a program runs
+//   NEBRA_FAULT_COUNTS  file that "C_Name count" lines are appended to when the module is
+//                       finalised (once per load: a program that reloads the module adds up)
 #ifdef _WIN32
 #include <windows.h>
 #define NEBRA_FAULT_EXPORT __declspec(dllexport)
 #else
 #include <dlfcn.h>
+#include <unistd.h>
 #define NEBRA_FAULT_EXPORT __attribute__((visibility("default")))
 #endif
 
@@ -37,7 +46,9 @@ struct Rule {
     CK_RV rv = CKR_OK;
     long onlyCall = 0;  // 0: every call
     bool emptySlots = false;
-    CK_ULONG batch = 0;  // C_FindObjects: at most this many handles per call (0: as asked)
+    bool noSlots = false;  // C_GetSlotList reports no slot at all (no reader)
+    CK_ULONG batch = 0;    // C_FindObjects: at most this many handles per call (0: as asked)
+    bool loop = false;     // C_FindObjects: the first handle, again and again
 };
 
 std::mutex gMutex;
@@ -45,6 +56,7 @@ std::map<std::string, Rule> gRules;
 std::map<std::string, long> gCounts;
 std::string gPinPad;                            // the PIN the "keypad" enters; empty: no PIN pad
 std::map<std::string, std::string> gTokenText;  // "SERIAL", "LABEL": what every token reports
+CK_FLAGS gTokenFlags = 0;                       // ORed into every token's flags
 CK_FUNCTION_LIST* gTarget = nullptr;
 CK_FUNCTION_LIST gList;
 
@@ -52,6 +64,7 @@ void parseRules(const char* rules) {
     gRules.clear();
     gPinPad.clear();
     gTokenText.clear();
+    gTokenFlags = 0;
     if (!rules) return;
     std::string s(rules);
     std::size_t pos = 0;
@@ -68,12 +81,19 @@ void parseRules(const char* rules) {
             gPinPad = value;
             continue;
         }
+        if (name == "TOKENFLAGS") {
+            gTokenFlags = std::strtoul(value.c_str(), nullptr, 0);
+            continue;
+        }
         if (name == "SERIAL" || name == "LABEL") {
             gTokenText[name] = value;
             continue;
         }
-        if (value == "empty") {
+        if (value == "empty" || value == "none") {
             r.emptySlots = true;
+            r.noSlots = value == "none";
+        } else if (value == "loop") {
+            r.loop = true;
         } else if (value.compare(0, 6, "batch:") == 0) {
             r.batch = std::strtoul(value.c_str() + 6, nullptr, 10);
         } else {
@@ -86,15 +106,34 @@ void parseRules(const char* rules) {
     }
 }
 
+// Applies the rules of NEBRA_FAULT_FILE when its text changed. Called with gMutex held.
+void followRulesFile() {
+    static std::string applied;
+    const char* path = std::getenv("NEBRA_FAULT_FILE");
+    if (!path) return;
+    std::string text;
+    if (FILE* f = std::fopen(path, "rb")) {
+        char chunk[256];
+        for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, f)) > 0;) text.append(chunk, n);
+        std::fclose(f);
+    }
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    if (text == applied) return;
+    applied = text;
+    parseRules(text.c_str());
+}
+
 // Counts the call and returns the rule's failure code for it, or CKR_OK.
-CK_RV fault(const char* name, bool* emptySlots = nullptr) {
+CK_RV fault(const char* name, bool* emptySlots = nullptr, bool* noSlots = nullptr) {
     std::lock_guard<std::mutex> lock(gMutex);
+    followRulesFile();
     long n = ++gCounts[name];
     auto it = gRules.find(name);
     if (it == gRules.end()) return CKR_OK;
     Rule& r = it->second;
     if (r.emptySlots) {
         if (emptySlots) *emptySlots = true;
+        if (noSlots) *noSlots = r.noSlots;
         return CKR_OK;
     }
     if (r.onlyCall == 0) return r.rv;
@@ -105,7 +144,7 @@ CK_RV fault(const char* name, bool* emptySlots = nullptr) {
 void writeCounts() {
     const char* path = std::getenv("NEBRA_FAULT_COUNTS");
     if (!path) return;
-    FILE* f = std::fopen(path, "w");
+    FILE* f = std::fopen(path, "a");
     if (!f) return;
     for (const auto& c : gCounts) std::fprintf(f, "%s %ld\n", c.first.c_str(), c.second);
     std::fclose(f);
@@ -122,9 +161,9 @@ CK_RV wFinalize(CK_VOID_PTR a) {
     return gTarget->C_Finalize(a);
 }
 CK_RV wGetSlotList(CK_BBOOL present, CK_SLOT_ID_PTR list, CK_ULONG_PTR count) {
-    bool empty = false;
-    if (CK_RV rv = fault("C_GetSlotList", &empty)) return rv;
-    if (empty && present) {
+    bool empty = false, none = false;
+    if (CK_RV rv = fault("C_GetSlotList", &empty, &none)) return rv;
+    if (empty && (present || none)) {
         *count = 0;
         return CKR_OK;
     }
@@ -136,6 +175,7 @@ CK_RV wGetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
     std::lock_guard<std::mutex> lock(gMutex);
     if (rv != CKR_OK) return rv;
     if (!gPinPad.empty()) info->flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
+    info->flags |= gTokenFlags;
     auto blankPadded = [](CK_UTF8CHAR* field, std::size_t size, const std::string& text) {
         std::memset(field, ' ', size);
         std::memcpy(field, text.data(), text.size() < size ? text.size() : size);
@@ -164,6 +204,15 @@ CK_RV wLogin(CK_SESSION_HANDLE s, CK_USER_TYPE user, CK_UTF8CHAR_PTR pin, CK_ULO
         std::lock_guard<std::mutex> lock(gMutex);
         keypad = gPinPad;
     }
+    if (!pin && len == 0 && keypad == "wait") {
+        for (;;) {  // a keypad nobody types on
+#ifdef _WIN32
+            Sleep(1000);
+#else
+            sleep(1);
+#endif
+        }
+    }
     if (!pin && len == 0 && !keypad.empty())
         return gTarget->C_Login(s, user, reinterpret_cast<CK_UTF8CHAR_PTR>(&keypad[0]),
                                 static_cast<CK_ULONG>(keypad.size()));
@@ -173,15 +222,26 @@ CK_RV wFindObjectsInit(CK_SESSION_HANDLE s, CK_ATTRIBUTE_PTR t, CK_ULONG n) {
     if (CK_RV rv = fault("C_FindObjectsInit")) return rv;
     return gTarget->C_FindObjectsInit(s, t, n);
 }
-CK_ULONG batchLimit() {
+Rule findRule() {
     std::lock_guard<std::mutex> lock(gMutex);
     auto it = gRules.find("C_FindObjects");
-    return it == gRules.end() ? 0 : it->second.batch;
+    return it == gRules.end() ? Rule() : it->second;
 }
+CK_OBJECT_HANDLE gLooped = 0;  // the handle a looping search repeats
 CK_RV wFindObjects(CK_SESSION_HANDLE s, CK_OBJECT_HANDLE_PTR h, CK_ULONG max, CK_ULONG_PTR count) {
     if (CK_RV rv = fault("C_FindObjects")) return rv;
-    CK_ULONG limit = batchLimit();
-    return gTarget->C_FindObjects(s, h, limit && limit < max ? limit : max, count);
+    Rule r = findRule();
+    if (r.loop && max > 0) {
+        if (!gLooped) {
+            CK_RV rv = gTarget->C_FindObjects(s, h, 1, count);
+            if (rv != CKR_OK || *count == 0) return rv;
+            gLooped = h[0];
+        }
+        h[0] = gLooped;
+        *count = 1;
+        return CKR_OK;
+    }
+    return gTarget->C_FindObjects(s, h, r.batch && r.batch < max ? r.batch : max, count);
 }
 CK_RV wFindObjectsFinal(CK_SESSION_HANDLE s) {
     CK_RV rv = fault("C_FindObjectsFinal");

@@ -20,6 +20,8 @@ TEST(Pkcs11Uri, ParsesChoosesAndRefuses) {
         {"pkcs11:token=my%20card;serial=0123;manufacturer=Acme;model=Card%20v2", "", true},
         {"pkcs11:token=my%20Card", "", false},  // values are exact
         {"pkcs11:serial=0123;x-vendor=anything?module-name=p11&pin-source=file:/p", "", true},
+        {"pkcs11:token=my%20card;x-my_attr=1?x-q_v=2", "", true},  // vendor names may use '_'
+        {"pkcs11:to_ken=a", "not an attribute name", false},
         {"pkcs11:model=Card%20v2;", "", true},  // a trailing separator
         {"pkcs11:token=my%2", "two hexadecimal digits", false},
         {"pkcs11:token=my card", "percent-encoded", false},
@@ -30,6 +32,9 @@ TEST(Pkcs11Uri, ParsesChoosesAndRefuses) {
         {"pkcs11:token", "name=value", false},
         {"pkcs11:token=a;;serial=1", "empty attribute", false},
         {"pkcs11:token=%FF", "not UTF-8", false},
+        {"pkcs11:token=%C0%AF", "not UTF-8", false},     // overlong
+        {"pkcs11:token=%ED%A0%80", "not UTF-8", false},  // a surrogate
+        {"pkcs11:token=%F0%9F%98", "not UTF-8", false},  // cut
         {"pkcs11:token=a/b", "percent-encoded", false},
         {"pkcs11:token=a#frag", "fragment", false},
         {"pkcs11:?pin-value=1&pin-source=file:/p", "exclude each other", false},
@@ -60,16 +65,24 @@ TEST(Pkcs11Uri, ParsesChoosesAndRefuses) {
     TokenIdentity other = kCard;
     other.serial = L"0124";
     EXPECT_FALSE(Pkcs11Uri::parse(kCard.uri()).matches(other));
+    // Characters above U+FFFF (a surrogate pair in wide text) go into a URI and come back.
+    TokenIdentity emoji = kCard;
+    emoji.label = std::wstring(L"caf\u00e9 ") + wchar_t(0xD83D) + wchar_t(0xDE00);
+    EXPECT_EQ(
+        emoji.uri(),
+        "pkcs11:model=Card%20v2;manufacturer=Acme;serial=0123;token=caf%C3%A9%20%F0%9F%98%80");
+    EXPECT_TRUE(Pkcs11Uri::parse(emoji.uri()).matches(emoji));
+    EXPECT_FALSE(Pkcs11Uri::parse(emoji.uri()).matches(kCard));
 }
 
 TEST(TokenIdentity, StoredLayout) {
-    TokenIdentity b{L"M\u00fc", L"", L"9", L"b"};
+    TokenIdentity b{L"M\u00fc", L"", L"9", std::wstring(L"b") + wchar_t(0xD83D) + wchar_t(0xDE00)};
     buffer::Buffer<unsigned char> bytes = encodeTokenIdentities({kCard, b});
     // Version 1, the count, then per token four length-prefixed UTF-8 fields.
     auto field = [](const std::string& v) { return static_cast<char>(v.size()) + v; };
     std::string expected = std::string("\x01\x02", 2) + field("Acme") + field("Card v2") +
                            field("0123") + field("my card") + field("M\xc3\xbc") + field("") +
-                           field("9") + field("b");
+                           field("9") + field("b\xf0\x9f\x98\x80");
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size()), expected);
     std::vector<TokenIdentity> back;
     ASSERT_TRUE(decodeTokenIdentities(bytes.data(), bytes.size(), back));

@@ -35,6 +35,16 @@ std::size_t count(const std::string& text, const std::string& what) {
     return n;
 }
 
+// The C_Login calls the fault module counted in its NEBRA_FAULT_COUNTS file, over every load.
+int loginsIn(const std::string& countsFile) {
+    std::string text = nebratest::readFile(countsFile);
+    int n = 0;
+    for (std::size_t p = text.find("C_Login "); p != std::string::npos;
+         p = text.find("C_Login ", p + 1))
+        n += std::atoi(text.c_str() + p + 8);
+    return n;
+}
+
 class TwoTokens : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -61,8 +71,10 @@ protected:
     }
     // Runs build/bin/nebra with `args` (shell words, after environment assignments if any).
     Outcome nebra(std::string args) {
-        args.insert(args.find('=') < args.find(' ') ? args.find(' ') + 1 : 0,
-                    std::string(NEBRA_BINARY_DIR) + "/bin/nebra ");
+        std::size_t at = 0;  // after the environment assignments in front
+        while (args.find('=', at) < args.find(' ', at)) at = args.find(' ', at) + 1;
+        // Bounded, so that a command that never ends fails the test instead of hanging it.
+        args.insert(at, "timeout -s KILL 120 " + std::string(NEBRA_BINARY_DIR) + "/bin/nebra ");
         std::string out = data.file("out"), err = data.file("err");
         int status = nebratest::sh(args + " >'" + out + "' 2>'" + err + "'");
         return {status, nebratest::readFile(out), nebratest::readFile(err)};
@@ -83,21 +95,25 @@ protected:
         std::sort(lines.begin(), lines.end());
         return lines;
     }
-    // Starts 'nebra watch ARGS' with stdout and stderr to files.
-    void start(const std::string& args) {
+    // Starts 'nebra watch ARGS' (after environment assignments `env`) with stdout and stderr to
+    // files.
+    void start(const std::string& args, const std::string& env = "") {
         pid_ = fork();
         ASSERT_GE(pid_, 0);
         if (pid_ != 0) return;
-        std::string cmd = "exec " + std::string(NEBRA_BINARY_DIR) + "/bin/nebra watch " + args +
-                          " >'" + data.file("watch.out") + "' 2>'" + data.file("watch.err") + "'";
+        std::string cmd = "exec env " + env + " " + std::string(NEBRA_BINARY_DIR) +
+                          "/bin/nebra watch " + args + " >'" + data.file("watch.out") + "' 2>'" +
+                          data.file("watch.err") + "'";
         execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
-    int stop() {  // SIGTERM; the exit status
+    int stop() {  // SIGTERM; the exit status (-1: it did not end, and was killed)
         kill(pid_, SIGTERM);
         int status = 0;
-        waitpid(pid_, &status, 0);
+        bool ended = waitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
+        if (!ended) kill(pid_, SIGKILL), waitpid(pid_, &status, 0);
         pid_ = -1;
+        if (!ended) return -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     // Waits (bounded: generous for a loaded machine, never a timing assertion) until `done` holds.
@@ -349,13 +365,41 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
     const std::string softhsm = nebratest::SoftHsm::module(),
                       fault = nebratest::SoftHsm::faultModule();
     const std::string padA = "--module 'pkcs11:token=cardA?module-path=" + fault + "'";
-    nebratest::writeFile(data.file("pin"), "1234\n");
-    // Each command each way: status, and texts on stdout
-    // (or stderr when it fails; "2>" marks a text that is on stderr when it succeeds).
+    const std::string pinA = "'pkcs11:token=cardA?module-path=" + fault + "&pin-source=";
+    // PIN files: the owner's only, one readable by others, an empty one, a folder.
+    const std::string pin = data.file("pin"), loose = data.file("loose"),
+                      empty = data.file("empty");
+    nebratest::writeFile(pin, "1234\n");
+    nebratest::writeFile(loose, "1234\n");
+    nebratest::writeFile(empty, "");
+    ASSERT_EQ(nebratest::sh("chmod 600 '" + pin + "' '" + empty + "' && chmod 644 '" + loose + "'"),
+              0);
+    const std::string counts = data.file("counts");
+    // A store with certificates of two providers, for list and remove; a broken database.
+    {
+        CertStoreHelper h(L"Cli Store");
+        h.addCspCertificate(L"Prov A", L"K1", L"", storetest::cert("alice"), true);
+        h.addCspCertificate(L"Prov A", L"K2", L"", storetest::cert("signing"), false);
+        h.addCspCertificate(L"Other", L"K3", L"", storetest::cert("root"), true);
+    }
+    std::string providers = "[";
+    auto csps = CertStoreHelper::listCSPs();
+    for (const auto& n : *csps)
+        providers += (providers.size() > 1 ? ", \"" : "\"") + nebratest::u8(n) + "\"";
+    nebratest::TempDir broken;
+    const std::string db = broken.file("nebralib/certstores.sqlite");
+    ASSERT_EQ(nebratest::sh("mkdir '" + broken.file("nebralib") +
+                            "' && head -c 8192 /dev/urandom > '" + db + "'"),
+              0);
+    const std::string cli = " --store 'Cli Store'";
+    // Each command each way: status, texts on stdout (or stderr when it fails; "2>" marks a text
+    // that is on stderr when it succeeds, "!" one that must not appear), and how many C_Login
+    // calls the fault module saw (-1: not counted).
     const struct {
         std::string args;
         int status;
         Lines texts;
+        int logins = -1;
     } runs[] = {
         {"tokens --module " + softhsm,
          0,
@@ -376,18 +420,92 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
              "'",
          2,
          {"a PIN is never taken from the command line"}},
-        {"token --module 'pkcs11:token=cardA?module-path=" + softhsm +
-             "&pin-source=file:" + data.file("pin") + "'",
+        // PINs: from a file of the owner's only (a file: URI with an empty or local host, or a
+        // path); nothing reaches the module from an empty PIN, a folder, a file others may
+        // read, another scheme or host, a locked token or one with a single try left.
+        {"token --module " + pinA + "file:" + pin + "'", 0, {"cardA user1"}, 1},
+        {"token --module " + pinA + "file://localhost" + pin + "'", 0, {"cardA user1"}, 1},
+        {"token --module " + pinA + "file://" + pin + "'", 0, {"cardA user1"}, 1},
+        {"token --module " + pinA + "file://elsewhere" + pin + "'",
+         2,
+         {"names the host 'elsewhere': only local files are read"},
+         0},
+        {"token --module " + pinA + "https://example.org/pin'", 2, {"is not a file"}, 0},
+        {"token --pin-file " + loose + " " + padA,
+         2,
+         {"the PIN file " + loose + " is refused: group or others may access it (mode 0644)"},
+         0},
+        {"token --pin-file " + data.path() + " " + padA, 2, {"it is not a regular file"}, 0},
+        {"token --pin-file " + empty + " " + padA, 2, {"the PIN is empty"}, 0},
+        {"NOPIN= token --pin-env NOPIN " + padA, 2, {"the PIN is empty"}, 0},
+        {"NEBRA_FAULT=TOKENFLAGS=0x40000 token --pin-env PIN " + padA,
+         1,
+         {"is locked (CKF_USER_PIN_LOCKED); no PIN was sent"},
+         0},
+        {"NEBRA_FAULT=TOKENFLAGS=0x20000 token --pin-env PIN " + padA,
+         1,
+         {"allows one more PIN try only (CKF_USER_PIN_FINAL_TRY); no PIN was sent"},
+         0},
+        {"NEBRA_FAULT=TOKENFLAGS=0x10000 token --pin-env PIN " + padA,
          0,
-         {"cardA user1"}},
+         {"cardA user1", "2>reports wrong PIN tries since its last login (CKF_USER_PIN_COUNT_LOW)"},
+         1},
+        // A module whose object search never ends.
+        {"NEBRA_FAULT=C_FindObjects=loop token --pin-env PIN " + padA,
+         1,
+         {"the module's object search returned the same object twice and would not end"}},
+        // Stores: list and remove by provider; a broken database is explained.
+        {"list --csp 'Prov A' --json" + cli,
+         0,
+         {"\"container\": \"K1\"", "\"container\": \"K2\"", "!K3",
+          "\"subject\": \"O=Nebra Test, CN=Alice Example\""}},
+        {"list" + cli, 0, {"3 certificates bound to any provider", "issuer:  CN=Nebra Test Root"}},
+        {"remove --csp 'Prov A'" + cli, 0, {"2 before, 0 now"}},
+        {"list --csp 'Prov A'" + cli, 0, {"No certificates bound to 'Prov A'"}},
+        {"remove" + cli, 2, {"--csp NAME is required"}},
+        {"list --bogus", 2, {"unknown option --bogus"}},
+        {"providers --json", 0, {providers + "]\n"}},
+        {"XDG_DATA_HOME='" + broken.path() + "' list",
+         1,
+         {"cannot open the certificate store 'MY'", db, "!CertStoreUpdaterError"}},
+        {"XDG_DATA_HOME='" + broken.path() + "' list --verbose",
+         1,
+         {"error: CertStoreUpdaterError_OpenSystemStore", "STORE=MY"}},
+        // watch: numbers are numbers; an unattended PIN goes only to the tokens a URI names.
+        {"watch --csp P --module " + softhsm + " --interval 1e-1xyz",
+         2,
+         {"--interval '1e-1xyz' is not a number of seconds"}},
+        {"watch --csp P --module " + softhsm + " --interval inf", 2, {"is not a number"}},
+        {"watch --csp P --pin-env PIN --module " + softhsm,
+         2,
+         {"only to the tokens a URI names", "--any-token"}},
+        {"watch --csp P --pin-env PIN --module 'pkcs11:?module-path=" + softhsm + "'",
+         2,
+         {"only to the tokens a URI names"}},
         {"token --module 'pkcs11:token=cardA'", 2, {"the URI names no module"}},
         {"token --module 'pkcs11:token=a b'",
          1,
          {"is not a valid PKCS#11 URI: spaces and non-ASCII characters must be percent-encoded"}},
+        // Failures in words, with the CKR name; the event with --verbose.
         {"token --pin-env BADPIN --module " + uri("cardA"),
          1,
-         {"The PIN is wrong (CKR_PIN_INCORRECT).\nerror: Pkcs11Error_CryptokiError "
-          "(pkcs11\\cksession:45) CRYPTOKY_ERROR_CODE=160"}},
+         {"Logging in to the token failed: the card refused the PIN (CKR_PIN_INCORRECT).\n",
+          "!Pkcs11Error_CryptokiError"}},
+        {"token --verbose --pin-env BADPIN --module " + uri("cardA"),
+         1,
+         {"(CKR_PIN_INCORRECT).\nerror: Pkcs11Error_CryptokiError (pkcs11\\cksession:45) "
+          "CRYPTOKY_ERROR_CODE=160"}},
+        {"NEBRA_FAULT=C_Login=5 token --pin-env PIN " + padA,
+         1,
+         {"Logging in to the token failed: the module reports a general error "
+          "(CKR_GENERAL_ERROR)."}},
+        {"NEBRA_FAULT=C_GetSlotList=empty token --pin-env PIN --module " + fault,
+         1,
+         {"nebra: no token is present in the module's"}},
+        {"NEBRA_FAULT=C_GetSlotList=none tokens --module " + fault,
+         0,
+         {"2>nebra: no reader was found: the module reports no slot at all, so the smart-card "
+          "service (pcscd) may not be running"}},
         {"token --pin-env PIN --module /nonexistent/module.so",
          1,
          {"cannot load the PKCS#11 module /nonexistent/module.so: "}},
@@ -408,13 +526,36 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
          {"CKR_PIN_INCORRECT"}},
     };
     for (const auto& run : runs) {
-        Outcome r = nebra(run.args);
+        std::remove(counts.c_str());
+        Outcome r = nebra("NEBRA_FAULT_COUNTS=" + counts + " " + run.args);
         EXPECT_EQ(r.status, run.status) << run.args << "\n" << r.err;
-        for (const std::string& t : run.texts)
-            EXPECT_TRUE(t.rfind("2>", 0) == 0 ? contains(r.err, t.substr(2))
-                                              : contains(run.status ? r.err : r.out, t))
-                << run.args;
+        if (run.logins >= 0) {
+            EXPECT_EQ(loginsIn(counts), run.logins) << run.args;
+        }
+        for (const std::string& t : run.texts) {
+            const std::string& text = t.rfind("2>", 0) == 0 || run.status ? r.err : r.out;
+            if (t[0] == '!')
+                EXPECT_EQ(text.find(t.substr(1)), std::string::npos) << run.args << "\n" << text;
+            else
+                EXPECT_TRUE(contains(text, t.substr(t.rfind("2>", 0) == 0 ? 2 : 0))) << run.args;
+        }
     }
+
+    // Text from a token is data: a label with a terminal control sequence, a line feed and bytes
+    // that are not UTF-8 (the encoding of a lone surrogate) is escaped on a terminal, and valid,
+    // escaped UTF-8 in JSON.
+    setenv("EVIL", "LABEL=x\x1b[2J\nl\xed\xa0\x80", 1);
+    const std::string evil = "NEBRA_FAULT=\"$EVIL\" ";
+    Outcome shownText = nebra(evil + "tokens --module " + fault);
+    EXPECT_TRUE(contains(shownText.out, "label x\\e[2J\\nl"));
+    EXPECT_EQ(shownText.out.find('\x1b'), std::string::npos);
+    Outcome json = nebra(evil + "tokens --json --module " + fault);
+    EXPECT_TRUE(contains(json.out, "\"label\":\"x\\u001b[2J\\nl"));
+    std::wstring units;
+    EXPECT_TRUE(buffer::utf16FromUtf8(reinterpret_cast<const unsigned char*>(json.out.data()),
+                                      json.out.size(), units))
+        << json.out;
+    unsetenv("EVIL");
 }
 
 std::string tokenDir(const nebratest::SoftHsm& hsm, const std::string& label) {
@@ -430,7 +571,7 @@ TEST_F(TwoTokens, WatchSyncsTokensMovedInAndReleasesOnlyTheRemovedOnesCertificat
     ASSERT_FALSE(cardB.empty());
     ASSERT_EQ(rename(cardB.c_str(), parked.c_str()), 0);
     start("--module " + nebratest::SoftHsm::module() +
-          " --csp Prov --pin-env PIN --interval 0.2 --on-removal remove");
+          " --csp Prov --pin-env PIN --any-token --interval 0.2 --on-removal remove");
     const Lines onlyA{"CKAIDHEX:01 cardA+", "CKAIDHEX:02 cardA+"};
     EXPECT_TRUE(waitFor([&] { return stored() == onlyA; })) << watched();
     ASSERT_EQ(rename(parked.c_str(), cardB.c_str()), 0);  // inserted
@@ -449,24 +590,67 @@ TEST_F(TwoTokens, WatchSyncsTokensMovedInAndReleasesOnlyTheRemovedOnesCertificat
     EXPECT_EQ(count(text, "\n"), 6u) << text;  // A and B inserted and synced; B removed, released
 }
 
-TEST_F(TwoTokens, WatchReportsAWrongPinOnceAndNeverRetries) {
-    start("--module 'pkcs11:token=cardA?module-path=" + nebratest::SoftHsm::module() +
-          "' --csp Prov --pin-env BADPIN --interval 0.1 --json --verbose");
-    // Several polls after the first: the token stays present, nothing is tried again.
-    EXPECT_TRUE(waitFor([&] {
-        return count(nebratest::readFile(data.file("watch.err")), "poll: 1 token(s) present") >= 5;
-    })) << watched();
+// What a card does to an unattended watch: a wrong PIN is sent once, whatever re-insertions
+// follow (three would lock a card); a device error is not a removal; a PIN-pad login that nobody
+// answers does not keep SIGTERM from ending it.
+TEST_F(TwoTokens, WatchNeverRetriesAPinOrTakesABlipForARemoval) {
+    const std::string cardA = tokenDir(hsm, "cardA"), parked = data.file("cardA");
+    const std::string fault = nebratest::SoftHsm::faultModule(), counts = data.file("counts");
+    start("--module 'pkcs11:token=cardA?module-path=" + fault +
+              "' --csp Prov --pin-env BADPIN --interval 0.1 --json --verbose",
+          "NEBRA_FAULT_COUNTS=" + counts);
+    auto polls = [&] { return count(nebratest::readFile(data.file("watch.err")), "poll: "); };
+    for (int insertion = 1; insertion <= 3; ++insertion) {
+        EXPECT_TRUE(waitFor([&] {
+            return count(nebratest::readFile(data.file("watch.out")), "\"event\":\"inserted\"") ==
+                   static_cast<std::size_t>(insertion);
+        })) << watched();
+        ASSERT_EQ(rename(cardA.c_str(), parked.c_str()), 0);
+        std::size_t seen = polls();
+        EXPECT_TRUE(waitFor([&] { return polls() >= seen + 2; })) << watched();
+        ASSERT_EQ(rename(parked.c_str(), cardA.c_str()), 0);
+    }
     EXPECT_EQ(stop(), 0);
-    const std::string text = nebratest::readFile(data.file("watch.out"));
-    EXPECT_EQ(count(text, "\n"), 2u) << text;
-    EXPECT_EQ(count(text, "{\"event\":\"inserted\",\"token\":\"pkcs11:model="), 1u) << text;
-    EXPECT_EQ(count(text, "{\"event\":\"error\""), 1u) << text;
-    EXPECT_EQ(count(text,
-                    "The PIN is wrong (CKR_PIN_INCORRECT). error: Pkcs11Error_CryptokiError "
-                    "(pkcs11\\\\cksession:45) CRYPTOKY_ERROR_CODE=160"),
-              1u)
-        << text;
+    std::string text = nebratest::readFile(data.file("watch.out"));
+    EXPECT_EQ(count(text, "(CKR_PIN_INCORRECT)"), 1u) << text;
+    EXPECT_EQ(count(text, "refused the PIN before; it is not sent again"), 2u) << text;
+    EXPECT_EQ(loginsIn(counts), 1);
     EXPECT_TRUE(stored().empty());
+
+    // Both cards synced; then every C_GetTokenInfo fails with CKR_DEVICE_ERROR for a while.
+    const std::string rules = data.file("rules");
+    nebratest::writeFile(rules, "");
+    std::remove(counts.c_str());
+    start("--module " + fault +
+              " --csp Prov --pin-env PIN --any-token --interval 0.1 "
+              "--on-removal remove --verbose",
+          "NEBRA_FAULT_FILE=" + rules + " NEBRA_FAULT_COUNTS=" + counts);
+    const Lines both{"CKAIDHEX:01 cardA+", "CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardA+",
+                     "CKAIDHEX:02 cardB+"};
+    EXPECT_TRUE(waitFor([&] { return stored() == both; })) << watched();
+    nebratest::writeFile(rules, "C_GetTokenInfo=0x30");
+    EXPECT_TRUE(waitFor([&] {
+        return count(nebratest::readFile(data.file("watch.out")), "(CKR_DEVICE_ERROR)") >= 4;
+    })) << watched();
+    nebratest::writeFile(rules, "");
+    std::size_t seen = polls();
+    EXPECT_TRUE(waitFor([&] { return polls() >= seen + 3; })) << watched();
+    EXPECT_EQ(stop(), 0);
+    text = nebratest::readFile(data.file("watch.out"));
+    EXPECT_EQ(count(text, "removed "), 0u) << text;
+    EXPECT_EQ(count(text, "inserted "), 2u) << text;
+    EXPECT_EQ(loginsIn(counts), 2);
+    EXPECT_EQ(stored(), both);
+
+    // A PIN pad nobody types on.
+    start("--module 'pkcs11:token=cardB?module-path=" + fault + "' --csp Prov --interval 0.1",
+          "NEBRA_FAULT=PINPAD=wait");
+    EXPECT_TRUE(waitFor([&] {
+        return contains(nebratest::readFile(data.file("watch.err")), "on the reader's keypad");
+    })) << watched();
+    EXPECT_EQ(stop(), 0) << watched();
+    EXPECT_TRUE(
+        contains(nebratest::readFile(data.file("watch.err")), "the PIN-pad login was abandoned"));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "tools/nebra/cli.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -58,7 +59,7 @@ std::string Args::get(const std::string& name, const std::string& fallback) cons
 }
 void Args::allow(const std::vector<std::string>& known) const {
     auto ok = [&](const std::string& n) {
-        if (n == "help") return true;
+        if (n == "help" || n == "verbose") return true;  // every command takes them
         for (const auto& k : known)
             if (k == n) return true;
         return false;
@@ -81,70 +82,121 @@ const std::map<std::string, Command>& commands() {
 }
 
 std::string utf8(const buffer::Buffer<wchar_t>& b) {
-    return buffer::toUtf8(b);
+    return buffer::utf8FromUtf16(b.data(), b.size());
 }
 std::string utf8(const std::wstring& s) {
-    return buffer::toUtf8(s);
+    return buffer::utf8FromUtf16(s);
 }
 std::wstring wideFromUtf8(const std::string& s) {
     return buffer::fromUtf8(s);
 }
 
+namespace {
+
+// The next character of `s` at `i` (advanced past it): its code point, or -1 for a byte that does
+// not start a well-formed UTF-8 sequence (then one byte is consumed).
+long nextChar(const std::string& s, std::size_t& i) {
+    const auto* p = reinterpret_cast<const unsigned char*>(s.data());
+    const unsigned char b = p[i];
+    std::size_t len = b < 0x80 ? 1 : b < 0xC2 ? 0 : b < 0xE0 ? 2 : b < 0xF0 ? 3 : b < 0xF5 ? 4 : 0;
+    std::wstring units;
+    if (len == 0 || s.size() - i < len || !buffer::utf16FromUtf8(p + i, len, units)) {
+        ++i;
+        return -1;
+    }
+    i += len;
+    if (units.size() == 2)
+        return 0x10000 + ((static_cast<long>(units[0]) - 0xD800) << 10) + (units[1] - 0xDC00);
+    return static_cast<long>(units[0]);
+}
+
+std::string hexEscape(const char* form, unsigned long v) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, form, v);
+    return buf;
+}
+
+// The escapes JSON and the terminal share: line feed, carriage return, tab.
+const char* whitespaceEscape(long c) {
+    return c == '\n' ? "\\n" : c == '\r' ? "\\r" : c == '\t' ? "\\t" : nullptr;
+}
+
+bool isBidiControl(long c) {
+    return (c >= 0x202A && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
+}
+
+}  // namespace
+
 std::string jsonString(const std::string& s) {
     std::string out = "\"";
-    for (unsigned char c : s) {
-        switch (c) {
-            case '"':
-                out += "\\\"";
-                break;
-            case '\\':
-                out += "\\\\";
-                break;
-            case '\n':
-                out += "\\n";
-                break;
-            case '\r':
-                out += "\\r";
-                break;
-            case '\t':
-                out += "\\t";
-                break;
-            default:
-                if (c < 0x20) {
-                    char buf[8];
-                    std::snprintf(buf, sizeof buf, "\\u%04x", c);
-                    out += buf;
-                } else {
-                    out += static_cast<char>(c);
-                }
+    for (std::size_t i = 0; i < s.size();) {
+        const std::size_t start = i;
+        const long c = nextChar(s, i);
+        if (c < 0) {
+            out += "\\ufffd";  // not UTF-8
+        } else if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (const char* e = whitespaceEscape(c)) {
+            out += e;
+        } else if (c < 0x20 || (c >= 0x7F && c <= 0x9F) || c == 0x2028 || c == 0x2029) {
+            out += hexEscape("\\u%04lx", static_cast<unsigned long>(c));
+        } else {
+            out.append(s, start, i - start);
         }
     }
     return out + "\"";
 }
 
-void printEvent(const orvo::GenericEvent& e) {
-    std::string sentence = explain(e);
-    if (!sentence.empty()) std::cerr << sentence << "\n";
-    std::cerr << "error: " << e.what() << " (" << utf8(e.file()) << ":" << e.line() << ")";
-    for (const auto& p : e.params()) std::cerr << " " << utf8(p.first) << "=" << utf8(p.second);
-    std::cerr << "\n";
+std::string shown(const std::string& s) {
+    std::string out;
+    for (std::size_t i = 0; i < s.size();) {
+        const std::size_t start = i;
+        const long c = nextChar(s, i);
+        if (c < 0) {
+            out += hexEscape("\\x%02lx", static_cast<unsigned char>(s[start]));
+        } else if (const char* e = whitespaceEscape(c)) {
+            out += e;
+        } else if (c == 0x1B) {
+            out += "\\e";
+        } else if (c < 0x20 || c == 0x7F) {
+            out += hexEscape("\\x%02lx", static_cast<unsigned long>(c));
+        } else if ((c >= 0x80 && c <= 0x9F) || isBidiControl(c)) {
+            out += hexEscape("\\u%04lx", static_cast<unsigned long>(c));
+        } else {
+            out.append(s, start, i - start);
+        }
+    }
+    return out;
 }
 
-std::string readPin(const Args& args) {
-    if (args.has("pin-env")) {
-        const char* v = std::getenv(args.get("pin-env").c_str());
-        if (!v) throw UsageError("environment variable " + args.get("pin-env") + " is not set");
-        return v;
+std::string eventLine(const orvo::GenericEvent& e) {
+    std::string line =
+        std::string(e.what()) + " (" + utf8(e.file()) + ":" + std::to_string(e.line()) + ")";
+    for (const auto& p : e.params())
+        line += " " + shown(utf8(p.first)) + "=" + shown(utf8(p.second));
+    return line;
+}
+
+std::string eventJson(const orvo::GenericEvent& e) {
+    std::string params;
+    for (const auto& p : e.params())
+        params += (params.empty() ? "" : ",") + jsonString(utf8(p.first)) + ":" +
+                  jsonString(utf8(p.second));
+    return "{\"event\":" + jsonString(e.what()) + ",\"source\":" + jsonString(utf8(e.file())) +
+           ",\"line\":" + std::to_string(e.line()) + ",\"params\":{" + params +
+           "},\"message\":" + jsonString(explain(e)) + "}";
+}
+
+void printEvent(const orvo::GenericEvent& e, EventDetail detail) {
+    if (detail == EventDetail::Json) {
+        std::cerr << "{\"error\":" << eventJson(e) << "}\n";
+        return;
     }
-    if (args.has("pin-file")) {
-        std::ifstream in(args.get("pin-file"), std::ios::binary);
-        if (!in) throw UsageError("cannot read PIN file " + args.get("pin-file"));
-        std::string pin;
-        std::getline(in, pin);
-        if (!pin.empty() && pin.back() == '\r') pin.pop_back();
-        return pin;
-    }
-    return platform::console::promptHidden("PIN: ");
+    std::string sentence = explain(e);
+    if (!sentence.empty()) std::cerr << shown(sentence) << "\n";
+    if (sentence.empty() || detail == EventDetail::Verbose)
+        std::cerr << "error: " << eventLine(e) << "\n";
 }
 
 }  // namespace nebra
@@ -157,7 +209,10 @@ void printOverview() {
                  "Commands:\n";
     for (const auto& c : nebra::commands())
         std::printf("  %-10s %s\n", c.first.c_str(), c.second.summary.c_str());
-    std::cout << "\nRun 'nebra COMMAND --help' for the options of a command.\n";
+    std::cout << "\nRun 'nebra COMMAND --help' for the options of a command. With any command,\n"
+                 "--verbose also prints a failure's event (name, source, parameters) and --json\n"
+                 "prints it as JSON on stderr.\n"
+                 "Exit status: 0 on success, 1 on an error, 2 on bad usage.\n";
 }
 
 }  // namespace
@@ -191,7 +246,13 @@ int main(int argc, char** argv) {
         std::cerr << "nebra " << cmd.name << ": " << e.what() << "\n\n" << cmd.usage;
         return 2;
     } catch (const orvo::GenericEvent& e) {
-        nebra::printEvent(e);
+        // The sentence; the event itself (name, source, parameters) with --verbose or --json.
+        auto has = [&](const char* flag) {
+            return std::find(args.begin(), args.end(), flag) != args.end();
+        };
+        nebra::printEvent(e, has("--json")      ? nebra::EventDetail::Json
+                             : has("--verbose") ? nebra::EventDetail::Verbose
+                                                : nebra::EventDetail::Sentence);
         return 1;
     } catch (const std::exception& e) {
         std::cerr << "error: " << e.what() << "\n";

@@ -51,12 +51,21 @@ const std::map<std::string, Command>& commands();
 std::string utf8(const buffer::Buffer<wchar_t>& b);
 std::string utf8(const std::wstring& s);
 std::wstring wideFromUtf8(const std::string& s);
+// A JSON string literal that is valid UTF-8 whatever `utf8Text` holds: control characters (C0,
+// DEL, C1, U+2028, U+2029) escaped, bytes that are not UTF-8 replaced by U+FFFD.
 std::string jsonString(const std::string& utf8Text);
-// Prints on stderr a sentence on what went wrong (when there is one), then the event as
-// "error: NAME (source:line) KEY=value ...".
-void printEvent(const orvo::GenericEvent& e);
-
-// Reads a PIN from --pin-env VAR, --pin-file FILE, or an interactive prompt without echo.
-std::string readPin(const Args& args);
+// Text from a token, a store or a certificate as it may be shown on a terminal: control
+// characters (C0, DEL, C1) and bidirectional overrides as visible escapes (\n, \e, \x07,
+// \u009b, \u202e), bytes that are not UTF-8 as \xNN. Everything the tool prints that it did not
+// write itself goes through it.
+std::string shown(const std::string& utf8Text);
+// How much of a failure the tool prints: the sentence on what went wrong in words (with the CKR
+// name); with --verbose also the event as "error: NAME (source:line) KEY=value ..."; with --json
+// the event as a JSON object {"error":{"event","source","line","params","message"}}.
+enum class EventDetail { Sentence, Verbose, Json };
+void printEvent(const orvo::GenericEvent& e, EventDetail detail);
+// The event as "NAME (source:line) KEY=value ...", and as a JSON object.
+std::string eventLine(const orvo::GenericEvent& e);
+std::string eventJson(const orvo::GenericEvent& e);
 
 }  // namespace nebra

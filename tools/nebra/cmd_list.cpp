@@ -85,9 +85,9 @@ int run(const nebra::Args& args) {
     for (const Entry& e : certs) {
         const asn1::Certificate& c = e.certificate;
         std::cout << "\n"
-                  << nebra::utf8(e.container) << "\n"
-                  << "  subject: " << nebra::utf8(c.subject().toString()) << "\n"
-                  << "  issuer:  " << nebra::utf8(c.issuer().toString()) << "\n"
+                  << nebra::shown(nebra::utf8(e.container)) << "\n"
+                  << "  subject: " << nebra::shown(nebra::utf8(c.subject().toString())) << "\n"
+                  << "  issuer:  " << nebra::shown(nebra::utf8(c.issuer().toString())) << "\n"
                   << "  serial:  " << hexOf(c.serialNumber()) << "\n"
                   << "  valid:   " << nebra::utf8(c.notBefore()) << " to "
                   << nebra::utf8(c.notAfter()) << " UTC\n"

@@ -83,8 +83,10 @@ int run(const nebra::Args& args) {
     if (args.flag("verbose")) {
         for (const auto& tc : before)
             if (!helper->findCertificate(tc.certificate))
-                std::cerr << nebra::utf8(store) << ": removed " << nebra::utf8(tc.container) << "  "
-                          << nebra::utf8(tc.certificate.subject().displayName()) << "\n";
+                std::cerr << nebra::utf8(store) << ": removed "
+                          << nebra::shown(nebra::utf8(tc.container)) << "  "
+                          << nebra::shown(nebra::utf8(tc.certificate.subject().displayName()))
+                          << "\n";
     }
     std::cout << "Removed the certificates bound to '" << nebra::utf8(csp) << "' from store '"
               << nebra::utf8(store) << "' (containers: " << containers << " before, " << after

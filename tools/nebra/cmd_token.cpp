@@ -25,9 +25,11 @@ const char* kUsage =
 void printGroup(const char* title, const pkcs11::certstoreupdater::CertMap& m) {
     std::cout << title << " (" << m.size() << ")\n";
     for (const auto& e : m) {
-        std::cout << "  " << utf8(e.first) << "  \"" << utf8(e.second.label) << "\"\n"
-                  << "      subject: " << utf8(e.second.certificate.subject().toString()) << "\n"
-                  << "      issuer:  " << utf8(e.second.certificate.issuer().toString()) << "\n";
+        std::cout << "  " << utf8(e.first) << "  \"" << shown(utf8(e.second.label)) << "\"\n"
+                  << "      subject: " << shown(utf8(e.second.certificate.subject().toString()))
+                  << "\n"
+                  << "      issuer:  " << shown(utf8(e.second.certificate.issuer().toString()))
+                  << "\n";
     }
 }
 
@@ -60,8 +62,9 @@ int run(const Args& args) {
                   << ",\"otherCerts\":" << groupJson(all->otherCerts) << "}\n";
         return 0;
     }
-    std::cout << "Token \"" << utf8(info.label) << "\" (" << utf8(info.manufacturerId) << " "
-              << utf8(info.model) << ", serial " << utf8(info.serialNumber) << ")\n";
+    std::cout << "Token \"" << shown(utf8(info.label)) << "\" (" << shown(utf8(info.manufacturerId))
+              << " " << shown(utf8(info.model)) << ", serial " << shown(utf8(info.serialNumber))
+              << ")\n";
     printGroup("Root certificates", all->rootCerts);
     printGroup("CA certificates", all->caCerts);
     printGroup("Certificates with a private key", all->certsWithPrivateKey);

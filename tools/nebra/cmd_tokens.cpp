@@ -50,15 +50,15 @@ int run(const Args& args) {
             sep = ",";
             continue;
         }
-        std::cout << id.uri() << "\n  label " << utf8(id.label) << ", manufacturer "
-                  << utf8(id.manufacturer) << ", model " << utf8(id.model) << ", serial "
-                  << utf8(id.serial) << ", "
+        std::cout << id.uri() << "\n  label " << shown(utf8(id.label)) << ", manufacturer "
+                  << shown(utf8(id.manufacturer)) << ", model " << shown(utf8(id.model))
+                  << ", serial " << shown(utf8(id.serial)) << ", "
                   << (login ? (pinPad ? "login on the reader's PIN pad" : "login with a PIN")
                             : "no login needed")
                   << (initialized ? "" : ", not initialised") << "\n";
     }
     if (json) std::cout << "]\n";
-    if (!json && slots.empty()) std::cerr << "nebra: no token is present\n";
+    if (!json && slots.empty()) std::cerr << "nebra: " << noTokenReason(choice.module) << "\n";
     return 0;
 }
 

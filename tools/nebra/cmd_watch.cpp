@@ -1,12 +1,17 @@
 // nebra watch: keeps the stores in step with the tokens as they come and go, until SIGINT or
 // SIGTERM.
+#include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <csignal>
+#include <cstdlib>
 #include <iostream>
 #include <map>
+#include <set>
 #include <sstream>
 #include <thread>
 
+#include "platform/console.h"
 #include "tools/nebra/messages.h"
 #include "tools/nebra/syncer.h"
 #include "tools/nebra/token_common.h"
@@ -21,10 +26,12 @@ using pkcs11::certstoreupdater::TokenIdentity;
 const char* kUsage =
     "usage: nebra watch --module PATH_OR_NAME_OR_URI --csp NAME [--store MY] [--roots STORE]\n"
     "                   [--cas STORE] [--others STORE] [--prune] [--interval SECONDS]\n"
-    "                   [--on-removal keep|remove] [--json] [--verbose]\n"
-    "                   [--pin-env VAR | --pin-file FILE] [--no-pin-pad]\n"
+    "                   [--on-removal keep|remove] [--json] [--verbose] [--slot-events]\n"
+    "                   [--pin-env VAR | --pin-file FILE] [--any-token] [--no-pin-pad]\n"
     "\n"
-    "Runs until SIGINT or SIGTERM (then exits 0). When a token appears (any token of the module,\n"
+    "Runs until SIGINT or SIGTERM, or on Windows until Ctrl-C or the console closes (then exits "
+    "0,\n"
+    "also while a PIN-pad login waits). When a token appears (any token of the module,\n"
     "or those a PKCS#11 URI chooses), logs in and syncs it as 'nebra sync' does. When it goes\n"
     "and --on-removal remove is given, takes its certificates out of the stores it was synced\n"
     "to (certificates another token also has stay). The module is unloaded and loaded again each\n"
@@ -32,11 +39,17 @@ const char* kUsage =
     "went; with --slot-events a module that reports them stays loaded instead.\n"
     "\n"
     "One line per event on stdout: inserted, synced, removed, released, error (--json: one JSON\n"
-    "object per line). The PIN comes from --pin-env, --pin-file or the URI's pin-source; a\n"
-    "wrong PIN is reported once per insertion and never tried again (that could lock the card).\n"
-    "A token with a PIN pad is logged in on its keypad.\n"
+    "object per line). The PIN comes from --pin-env, --pin-file or the URI's pin-source, and\n"
+    "goes only to the tokens a URI naming the token (token, serial, manufacturer or model)\n"
+    "chooses, unless --any-token is given. A wrong PIN is reported and never sent to that token\n"
+    "again, whatever insertions follow; no PIN is sent to a token that reports its PIN locked or\n"
+    "one try left. A token with a PIN pad is logged in on its keypad. A token is taken as\n"
+    "removed only when the module says so (no token present, device removed, slot gone); any\n"
+    "other error is reported and the token looked at again at the next interval.\n"
     "\n"
-    "  --interval SECONDS     how often to look (default 2)\n"
+    "  --interval SECONDS     how often to look, 0.05 to 86400 (default 2)\n"
+    "  --any-token            send the PIN to every token that appears, not only to those a\n"
+    "                         URI naming the token chooses\n"
     "  --on-removal keep|remove  what to do with a removed token's certificates (default keep)\n"
     "  --slot-events          keep the module loaded and trust its slot list and slot events\n"
     "                         (C_WaitForSlotEvent) rather than reloading it each interval\n"
@@ -44,8 +57,30 @@ const char* kUsage =
     "  (the other options as for 'nebra sync')\n";
 
 volatile std::sig_atomic_t gStop = 0;
-extern "C" void onSignal(int) {
+void onStop() {
     gStop = 1;
+}
+
+// The module's answer for a slot that has no token (any more).
+bool meansRemoved(const orvo::GenericEvent& e) {
+    const buffer::Buffer<wchar_t>* rv = e.param(L"CRYPTOKY_ERROR_CODE");
+    if (!rv) return false;
+    const std::string code = utf8(*rv);
+    return code == std::to_string(CKR_TOKEN_NOT_PRESENT) ||
+           code == std::to_string(CKR_DEVICE_REMOVED) ||
+           code == std::to_string(CKR_SLOT_ID_INVALID);
+}
+
+// A number of seconds: the whole text must be a finite decimal number.
+double seconds(const std::string& text) {
+    char* end = nullptr;
+    errno = 0;
+    double v = text.empty() ? 0 : std::strtod(text.c_str(), &end);
+    const bool ok = !text.empty() && end && *end == '\0' && errno == 0 && std::isfinite(v) &&
+                    text.find_first_of("xXpPnNiI") == std::string::npos;
+    if (!ok || !(v >= 0.05 && v <= 86400))
+        throw UsageError("--interval '" + text + "' is not a number of seconds from 0.05 to 86400");
+    return v;
 }
 
 struct Watcher {
@@ -55,6 +90,8 @@ struct Watcher {
     std::vector<StoreTarget> targets;
     bool json, removeOnRemoval;
     std::map<std::string, TokenIdentity> present;  // by URI: synced, or failed this insertion
+    std::map<CK_SLOT_ID, std::string> slotOf;      // the URI each slot showed at the last look
+    std::set<std::string> ambiguous;               // identities two present tokens reported at once
 
     void emit(const char* event, const TokenIdentity& t, const std::string& detail) {
         if (json)
@@ -63,7 +100,7 @@ struct Watcher {
                       << (detail.empty() ? "" : ",\"detail\":" + jsonString(detail)) << "}"
                       << std::endl;
         else
-            std::cout << event << " " << t.uri() << (detail.empty() ? "" : "  " + detail)
+            std::cout << event << " " << t.uri() << (detail.empty() ? "" : "  " + shown(detail))
                       << std::endl;
     }
 
@@ -76,32 +113,35 @@ struct Watcher {
         return out.str();
     }
 
-    static std::string failure(const orvo::GenericEvent& e) {
-        std::ostringstream out;
+    // What went wrong in words; the event itself too with --json or --verbose.
+    std::string failure(const orvo::GenericEvent& e) const {
         std::string sentence = explain(e);
-        if (!sentence.empty()) out << sentence << " ";
-        out << "error: " << e.what() << " (" << utf8(e.file()) << ":" << e.line() << ")";
-        for (const auto& p : e.params()) out << " " << utf8(p.first) << "=" << utf8(p.second);
-        return out.str();
+        if (!sentence.empty() && !json && !options.verbose) return sentence;
+        return (sentence.empty() ? "" : sentence + " ") + "error: " + eventLine(e);
     }
 
     void sync(const TokenIdentity& t) {
         try {
             Pkcs11Helper helper(choice.module, Pkcs11Uri::parse(t.uri()));
-            loginToken(helper, args, choice, std::cerr, false);
+            loginToken(helper, args, choice, std::cerr, false, &gStop);
             auto all = helper.getAllCerts();
-            std::vector<StoreResult> results =
-                syncToken(options, targets, *all, t, identityProblem(t));
+            std::vector<StoreResult> results = syncToken(
+                options, targets, *all, t, identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1));
             emit("synced", t, summary(results));
         } catch (const orvo::GenericEvent& e) {
             emit("error", t, failure(e));
-        } catch (const UsageError& e) {
+        } catch (const std::runtime_error& e) {  // a usage problem, or a PIN kept back
             emit("error", t, e.what());
         }
     }
 
     void release(const TokenIdentity& t) {
         std::vector<StoreResult> results;
+        std::string problem = identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1);
+        if (!problem.empty()) {
+            emit("error", t, "its certificates were kept: " + problem);
+            return;
+        }
         try {
             for (const StoreTarget& target : targets)
                 results.push_back(releaseTokens(options, target,
@@ -112,19 +152,34 @@ struct Watcher {
         }
     }
 
-    // One look at the module's tokens; syncs the new, releases the gone.
+    // One look at the module's tokens; syncs the new, releases the gone. A slot whose token
+    // cannot be asked for another reason than its removal keeps the token it had.
     void poll(const pkcs11::CkLibrary& lib) {
         std::map<std::string, TokenIdentity> now;
-        pkcs11::CkSlots slots(lib, true);
-        for (const pkcs11::CkSlot& slot : slots.entries()) {
+        std::map<CK_SLOT_ID, std::string> slots;
+        std::map<std::string, int> seen;
+        pkcs11::CkSlots list(lib, true);
+        for (const pkcs11::CkSlot& slot : list.entries()) {
             try {
                 pkcs11::CkTokenInfo info = pkcs11::CkToken(slot).info();
                 // A blank token (SoftHSM2 always offers one) has nothing to sync.
                 if (!(info.flags & CKF_TOKEN_INITIALIZED)) continue;
                 TokenIdentity id = TokenIdentity::of(info);
-                if (!choice.byUri || choice.uri.matches(id)) now.emplace(id.uri(), id);
-            } catch (const orvo::GenericEvent&) {
-                // Removed between listing and asking: it is simply not there.
+                if (choice.byUri && !choice.uri.matches(id)) continue;
+                if (++seen[id.uri()] > 1) ambiguous.insert(id.uri());
+                now.emplace(id.uri(), id);
+                slots[slot.id] = id.uri();
+            } catch (const orvo::GenericEvent& e) {
+                if (meansRemoved(e)) continue;  // taken out between listing and asking
+                auto was = slotOf.find(slot.id);
+                if (was != slotOf.end() && present.count(was->second)) {
+                    now.emplace(was->second, present.at(was->second));
+                    slots[slot.id] = was->second;
+                }
+                emit("error",
+                     was != slotOf.end() && present.count(was->second) ? present.at(was->second)
+                                                                       : TokenIdentity{},
+                     failure(e) + " (looking again at the next interval)");
             }
         }
         for (const auto& gone : present) {
@@ -139,13 +194,16 @@ struct Watcher {
             sync(t.second);
         }
         present.swap(now);
+        slotOf.swap(slots);
     }
 };
 
 int run(const Args& args) {
     args.allow({"module", "csp", "store", "roots", "cas", "others", "prune", "json", "pin-env",
-                "pin-file", "no-pin-pad", "verbose", "interval", "on-removal", "slot-events"});
-    Watcher w{args, chooseToken(args), {}, storeTargets(args), args.flag("json"), false, {}};
+                "pin-file", "no-pin-pad", "verbose", "interval", "on-removal", "slot-events",
+                "any-token"});
+    Watcher w{args, chooseToken(args), {}, storeTargets(args), args.flag("json"), false, {}, {},
+              {}};
     if (!args.has("csp") || args.get("csp").empty()) throw UsageError("--csp is required");
     w.options.csp = wideFromUtf8(args.get("csp"));
     w.options.prune = args.flag("prune");
@@ -154,17 +212,16 @@ int run(const Args& args) {
     if (onRemoval != "keep" && onRemoval != "remove")
         throw UsageError("--on-removal is keep or remove");
     w.removeOnRemoval = onRemoval == "remove";
-    double interval = 2;
-    try {
-        interval = std::stod(args.get("interval", "2"));
-    } catch (const std::exception&) {
-        interval = 0;
-    }
-    if (!(interval >= 0.05 && interval <= 86400))
-        throw UsageError("--interval is a number of seconds from 0.05 to 86400");
+    const double interval = seconds(args.get("interval", "2"));
+    // An unattended PIN goes to the tokens the user named, never to whatever card is inserted.
+    if (hasPinSource(args, w.choice) && !args.flag("any-token") &&
+        !(w.choice.byUri && !w.choice.uri.path().empty()))
+        throw UsageError(
+            "watch sends a PIN from --pin-env, --pin-file or pin-source only to the tokens a URI "
+            "names (e.g. --module 'pkcs11:token=LABEL?module-name=NAME'); give --any-token to "
+            "send it to every token that appears");
 
-    std::signal(SIGINT, onSignal);
-    std::signal(SIGTERM, onSignal);
+    platform::console::onStopRequest(onStop);
     // Modules that report slot events keep their slot list current while loaded; the others
     // only see tokens come and go when they are initialised again. Which kind a module is
     // cannot be asked (SoftHSM2 answers CKR_NO_EVENT and never reports one), so reloading is
@@ -200,9 +257,9 @@ int run(const Args& args) {
             if (w.options.verbose)
                 *w.options.verbose << "poll: " << w.present.size() << " token(s) present\n";
         } catch (const orvo::GenericEvent& e) {
-            std::cout << (w.json ? "{\"event\":\"error\",\"detail\":" +
-                                       jsonString(Watcher::failure(e)) + "}"
-                                 : "error " + Watcher::failure(e))
+            std::cout << (w.json
+                              ? "{\"event\":\"error\",\"detail\":" + jsonString(w.failure(e)) + "}"
+                              : "error " + w.failure(e))
                       << std::endl;
         }
         auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(interval);

@@ -30,7 +30,7 @@ const Code kCodes[] = {
     {0x31, "CKR_DEVICE_MEMORY", "the token is out of memory"},
     {0x32, "CKR_DEVICE_REMOVED", "the token was removed while in use"},
     {0x54, "CKR_FUNCTION_NOT_SUPPORTED", "the module does not support this"},
-    {0xA0, "CKR_PIN_INCORRECT", "The PIN is wrong"},
+    {0xA0, "CKR_PIN_INCORRECT", "the card refused the PIN"},
     {0xA1, "CKR_PIN_INVALID", "The PIN has characters the token does not accept"},
     {0xA2, "CKR_PIN_LEN_RANGE", "The PIN is too long or too short for this token"},
     {0xA3, "CKR_PIN_EXPIRED", "The PIN has expired; change it with the card's own tools"},
@@ -49,6 +49,25 @@ const Code kCodes[] = {
     {0x150, "CKR_BUFFER_TOO_SMALL", nullptr},
     {0x190, "CKR_CRYPTOKI_NOT_INITIALIZED", nullptr},
     {0x191, "CKR_CRYPTOKI_ALREADY_INITIALIZED", nullptr},
+};
+
+// What the library was doing at each Cryptoki call site, for "X failed: ..." sentences.
+struct Operation {
+    const char* site;  // source text and line, "file:line"
+    const char* what;
+};
+const Operation kOperations[] = {
+    {"pkcs11\\cklibrary:52", "Initialising the PKCS#11 module"},
+    {"pkcs11\\ckslots:30", "Listing the module's slots"},
+    {"pkcs11\\cktoken:25", "Reading the token's information"},
+    {"pkcs11\\cksession:30", "Opening a session on the token"},
+    {"pkcs11\\cksession:45", "Logging in to the token"},
+    {"pkcs11\\cksession:60", "Closing the session"},
+    {"pkcs11\\ckobject:30", "Reading an object of the token"},
+    {"pkcs11\\ckobject:40", "Reading an object of the token"},
+    {"pkcs11\\ckfinder:30", "Searching the token's objects"},
+    {"pkcs11\\ckfinder:45", "Searching the token's objects"},
+    {"pkcs11\\ckfinder:60", "Ending the search of the token's objects"},
 };
 
 std::string param(const orvo::GenericEvent& e, const wchar_t* key) {
@@ -86,13 +105,18 @@ std::string explain(const orvo::GenericEvent& e) {
             return sentence;
         }
         unsigned long rv = std::strtoul(param(e, L"CRYPTOKY_ERROR_CODE").c_str(), nullptr, 10);
-        for (const Code& c : kCodes) {
-            if (c.rv != rv) continue;
-            std::string hint = c.hint ? c.hint : "The PKCS#11 module refused the call";
-            hint[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(hint[0])));
-            return hint + " (" + c.name + ").";
-        }
-        return "The PKCS#11 module refused the call (" + cryptokiName(rv) + ").";
+        if (e.param(L"REASON"))  // the library stopped a module that misbehaved
+            return "Stopped: " + param(e, L"REASON") + " (" + cryptokiName(rv) + ").";
+        std::string hint = "the PKCS#11 module refused the call";
+        for (const Code& c : kCodes)
+            if (c.rv == rv && c.hint) hint = c.hint;
+        hint[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(hint[0])));
+        const std::string site = utf8(e.file()) + ":" + std::to_string(e.line());
+        for (const Operation& op : kOperations)
+            if (site == op.site)
+                return std::string(op.what) + " failed: " + hint + " (" + cryptokiName(rv) + ").";
+        hint[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(hint[0])));
+        return hint + " (" + cryptokiName(rv) + ").";
     }
     if (name == "CertStoreUpdaterError_TokenNotPresent")
         return "There is no token in any slot of the module (CKR_TOKEN_NOT_PRESENT): insert the "

@@ -46,7 +46,8 @@ private:
 
 void log(const SyncOptions& o, const StoreTarget& t, const char* what, const Change& c) {
     if (o.verbose)
-        *o.verbose << t.store << ": " << what << " " << c.container << "  " << c.name << "\n";
+        *o.verbose << t.store << ": " << what << " " << shown(c.container) << "  " << shown(c.name)
+                   << "\n";
 }
 
 constexpr const char* kBlankSerial =
@@ -291,19 +292,23 @@ void printResults(std::ostream& out, const std::vector<StoreResult>& results, bo
         if (!r.shared.empty()) out << ", " << r.shared.size() << " shared with another token";
         out << "\n";
         if (!r.skipped.empty()) out << "  nothing removed: " << r.skipped << "\n";
-        for (const Change& c : r.added) out << "  + " << c.container << "  " << c.name << "\n";
+        for (const Change& c : r.added)
+            out << "  + " << shown(c.container) << "  " << shown(c.name) << "\n";
         for (const Change& c : r.kept)
-            out << "  = " << c.container << "  " << c.name << " (left as it is)\n";
-        for (const Change& c : r.removed) out << "  - " << c.container << "  " << c.name << "\n";
+            out << "  = " << shown(c.container) << "  " << shown(c.name) << " (left as it is)\n";
+        for (const Change& c : r.removed)
+            out << "  - " << shown(c.container) << "  " << shown(c.name) << "\n";
         for (const Change& c : r.unlinked)
-            out << "  ~ " << c.container << "  " << c.name << " (still on another token)\n";
+            out << "  ~ " << shown(c.container) << "  " << shown(c.name)
+                << " (still on another token)\n";
         for (const Change& c : r.rebound)
-            out << "  > " << c.container << "  " << c.name << " (its CKA_ID changed)\n";
+            out << "  > " << shown(c.container) << "  " << shown(c.name)
+                << " (its CKA_ID changed)\n";
         for (const Change& c : r.shared)
-            out << "  = " << c.container << "  " << c.name
+            out << "  = " << shown(c.container) << "  " << shown(c.name)
                 << " (bound for another token that has it too; recorded for this one as well)\n";
         for (const Change& c : r.unreadable)
-            out << "  ! " << c.container << "  " << c.name
+            out << "  ! " << shown(c.container) << "  " << shown(c.name)
                 << " (its token record cannot be read: left as it is)\n";
         if (prune && r.unrecorded)
             out << "  (" << r.unrecorded

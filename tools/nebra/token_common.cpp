@@ -1,7 +1,16 @@
 #include "tools/nebra/token_common.h"
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <fstream>
+#include <iostream>
+#include <set>
 #include <stdexcept>
+#include <thread>
 
 #include "platform/console.h"
 #include "platform/modules.h"
@@ -10,6 +19,7 @@ namespace nebra {
 
 using pkcs11::certstoreupdater::Pkcs11Helper;
 using pkcs11::certstoreupdater::Pkcs11Uri;
+using pkcs11::certstoreupdater::TokenIdentity;
 
 namespace {
 // The module file as the platform's loader takes it (the ANSI code page on Windows).
@@ -56,9 +66,31 @@ TokenChoice chooseToken(const Args& args) {
     return choice;
 }
 
+std::string noTokenReason(const std::string& module) {
+    std::size_t slots = 1;
+    try {
+        pkcs11::Libraries& registry = pkcs11::Libraries::instance();
+        pkcs11::CkLibrary lib = registry.load(module);
+        slots = pkcs11::CkSlots(lib, false).size();
+        registry.unload(lib);
+    } catch (const orvo::GenericEvent&) {
+        // The reason is a courtesy; the failure itself is reported anyway.
+    }
+    if (slots == 0)
+        return "no reader was found: the module reports no slot at all, so the smart-card "
+               "service (pcscd) may not be running or no reader is connected";
+    return "no token is present in the module's " + std::to_string(slots) +
+           (slots == 1 ? " slot" : " slots") + ": insert the card";
+}
+
 std::unique_ptr<Pkcs11Helper> openToken(const TokenChoice& choice) {
-    if (choice.byUri) return std::make_unique<Pkcs11Helper>(choice.module, choice.uri);
-    return std::make_unique<Pkcs11Helper>(choice.module);
+    try {
+        if (choice.byUri) return std::make_unique<Pkcs11Helper>(choice.module, choice.uri);
+        return std::make_unique<Pkcs11Helper>(choice.module);
+    } catch (const pkcs11::certstoreupdater::CertStoreUpdaterError_TokenNotPresent&) {
+        std::cerr << "nebra: " << noTokenReason(choice.module) << "\n";
+        throw;
+    }
 }
 
 bool hasPinSource(const Args& args, const TokenChoice& choice) {
@@ -68,45 +100,184 @@ bool hasPinSource(const Args& args, const TokenChoice& choice) {
 
 namespace {
 
-std::string pinFromFile(const std::string& path) {
+// A PIN in memory: its bytes are overwritten when it goes. Room is reserved up front, so that
+// reading it does not leave copies behind in reallocated memory.
+class Secret {
+public:
+    Secret() { text_.reserve(256); }
+    ~Secret() { wipe(); }
+    Secret(const Secret&) = delete;
+    Secret& operator=(const Secret&) = delete;
+    std::string& text() { return text_; }
+    void wipe() {
+        volatile char* p = text_.empty() ? nullptr : &text_[0];
+        for (std::size_t i = 0; i < text_.size(); ++i) p[i] = 0;
+        text_.clear();
+    }
+
+private:
+    std::string text_;
+};
+
+void readPinFile(const std::string& path, Secret& pin) {
+    std::string problem = platform::console::secretFileProblem(path);
+    if (!problem.empty())
+        throw UsageError("the PIN file " + path + " is refused: " + problem +
+                         "; no PIN was sent to the token");
     std::ifstream in(path, std::ios::binary);
     if (!in) throw UsageError("cannot read the PIN file " + path);
-    std::string pin;
-    std::getline(in, pin);
-    if (!pin.empty() && pin.back() == '\r') pin.pop_back();
-    return pin;
+    std::getline(in, pin.text());
+    if (!pin.text().empty() && pin.text().back() == '\r') pin.text().pop_back();
+}
+
+// The file a URI's pin-source names: "file:" with an absolute path, an empty authority
+// ("file:///p") or "localhost" ("file://localhost/p"), or a relative path; any other scheme or
+// host is refused.
+std::string pinSourcePath(const std::string& source) {
+    std::string rest = source;
+    const bool fileScheme = rest.size() >= 5 && rest.compare(0, 5, "file:") == 0;
+    if (fileScheme) {
+        rest = rest.substr(5);
+    } else {
+        std::size_t colon = rest.find(':'), slash = rest.find('/');
+        if (colon != std::string::npos && (slash == std::string::npos || colon < slash))
+            throw UsageError("the URI's pin-source '" + source +
+                             "' is not a file: only file: URIs and paths are read");
+    }
+    if (rest.compare(0, 2, "//") == 0) {
+        std::size_t end = rest.find('/', 2);
+        std::string host = rest.substr(2, end == std::string::npos ? std::string::npos : end - 2);
+        if (!host.empty() && host != "localhost")
+            throw UsageError("the URI's pin-source '" + source + "' names the host '" + host +
+                             "': only local files are read");
+        rest = end == std::string::npos ? std::string() : rest.substr(end);
+    }
+    if (rest.empty()) throw UsageError("the URI's pin-source '" + source + "' names no file");
+    return rest;
+}
+
+// Tokens that refused a PIN in this process, by URI: none is sent to them again.
+std::set<std::string>& refusedPins() {
+    static std::set<std::string> refused;
+    return refused;
+}
+
+const CK_RV kPinIncorrect = CKR_PIN_INCORRECT;
+
+// The PIN-pad login, where the caller may stop waiting for it.
+void keypadLogin(Pkcs11Helper& helper, std::ostream& notice,
+                 const volatile std::sig_atomic_t* stop) {
+    if (!stop) {
+        helper.loginProtected();
+        return;
+    }
+    struct State {
+        std::atomic<bool> done{false};
+        std::exception_ptr error;
+    };
+    auto state = std::make_shared<State>();
+    std::thread([&helper, state] {
+        try {
+            helper.loginProtected();
+        } catch (...) {
+            state->error = std::current_exception();
+        }
+        state->done = true;
+    }).detach();
+    while (!state->done) {
+        if (*stop) {
+            // The module may block in C_Login until a PIN is typed: nothing can be unwound
+            // under it, so the process ends here.
+            notice << "nebra: the PIN-pad login was abandoned: asked to stop\n";
+            notice.flush();
+            std::fflush(nullptr);
+            std::_Exit(0);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    if (state->error) std::rethrow_exception(state->error);
 }
 
 }  // namespace
 
 void loginToken(Pkcs11Helper& helper, const Args& args, const TokenChoice& choice,
-                std::ostream& notice, bool mayPrompt) {
+                std::ostream& notice, bool mayPrompt, const volatile std::sig_atomic_t* stop) {
     pkcs11::CkTokenInfo info = helper.tokenInfo();
+    const std::string uri = TokenIdentity::of(info).uri();
+    const std::string label = shown(utf8(info.label));
+    if (refusedPins().count(uri))
+        throw PinWithheld("token \"" + label +
+                          "\" refused the PIN before; it is not sent again, since wrong tries "
+                          "lock the card: start nebra again with the right PIN");
+    if (info.flags & CKF_USER_PIN_LOCKED)
+        throw PinWithheld("the PIN of token \"" + label +
+                          "\" is locked (CKF_USER_PIN_LOCKED); no PIN was sent. Unblock it "
+                          "with the card's PUK or security officer PIN");
+    const bool finalTry = (info.flags & CKF_USER_PIN_FINAL_TRY) != 0;
+    if (info.flags & CKF_USER_PIN_COUNT_LOW)
+        notice << "warning: token \"" << label
+               << "\" reports wrong PIN tries since its last login (CKF_USER_PIN_COUNT_LOW)\n";
     if ((info.flags & CKF_PROTECTED_AUTHENTICATION_PATH) && !args.flag("no-pin-pad")) {
-        notice << "Enter the PIN of token \"" << utf8(info.label)
+        if (finalTry)
+            notice << "warning: one more wrong PIN locks token \"" << label
+                   << "\" (CKF_USER_PIN_FINAL_TRY)\n";
+        notice << "Enter the PIN of token \"" << label
                << "\" on the reader's keypad (--no-pin-pad if it has none).\n";
         notice.flush();
-        helper.loginProtected();
+        keypadLogin(helper, notice, stop);
         return;
     }
-    std::string pin;
-    if (args.has("pin-env") || args.has("pin-file")) {
-        pin = readPin(args);
+    if (finalTry)
+        throw PinWithheld("token \"" + label +
+                          "\" allows one more PIN try only (CKF_USER_PIN_FINAL_TRY); no PIN was "
+                          "sent, since a wrong one would lock the card. Log in once with the "
+                          "card's own tools to reset the count");
+    Secret pin;
+    if (args.has("pin-env")) {
+        const char* v = std::getenv(args.get("pin-env").c_str());
+        if (!v) throw UsageError("environment variable " + args.get("pin-env") + " is not set");
+        pin.text() = v;
+    } else if (args.has("pin-file")) {
+        readPinFile(args.get("pin-file"), pin);
     } else if (choice.byUri && choice.uri.hasQuery("pin-source")) {
-        std::string source = choice.uri.query("pin-source");
-        if (source.compare(0, 5, "file:") == 0) source = source.substr(5);
-        // file:///path has an empty authority before the path.
-        if (source.compare(0, 2, "//") == 0) source = source.substr(2);
-        pin = pinFromFile(source);
+        readPinFile(pinSourcePath(choice.uri.query("pin-source")), pin);
     } else if (mayPrompt) {
-        pin = platform::console::promptHidden("PIN: ");
+        std::string typed = platform::console::promptHidden("PIN: ");
+        pin.text() = typed;
+        std::fill(typed.begin(), typed.end(), '\0');
     } else {
         throw UsageError(
             "a PIN is needed: give --pin-env VAR, --pin-file FILE or the URI's "
             "pin-source=file:FILE");
     }
-    helper.login(buffer::Buffer<unsigned char>(reinterpret_cast<const unsigned char*>(pin.data()),
-                                               pin.size()));
+    if (pin.text().empty())
+        throw UsageError("the PIN is empty; an empty PIN is never sent to a token");
+    buffer::Buffer<unsigned char> bytes(reinterpret_cast<const unsigned char*>(pin.text().data()),
+                                        pin.text().size());
+    pin.wipe();
+    struct WipeBytes {
+        buffer::Buffer<unsigned char>& b;
+        ~WipeBytes() {
+            volatile unsigned char* p = b.size() ? b.mutableData() : nullptr;
+            for (std::size_t i = 0; i < b.size(); ++i) p[i] = 0;
+        }
+    } wipeBytes{bytes};
+    try {
+        helper.login(bytes);
+    } catch (const orvo::GenericEvent& e) {
+        const buffer::Buffer<wchar_t>* rv = e.param(L"CRYPTOKY_ERROR_CODE");
+        if (rv && utf8(*rv) == std::to_string(kPinIncorrect)) {
+            refusedPins().insert(uri);
+            try {
+                if (helper.tokenInfo().flags & CKF_USER_PIN_FINAL_TRY)
+                    notice << "One more wrong PIN locks token \"" << label
+                           << "\" (CKF_USER_PIN_FINAL_TRY).\n";
+            } catch (const orvo::GenericEvent&) {
+                // The count is a courtesy; the refusal is what is reported.
+            }
+        }
+        throw;
+    }
 }
 
 std::string certJson(const buffer::Buffer<wchar_t>& key,

@@ -85,4 +85,16 @@ inline Buffer<wchar_t> utf8OrBytes(const std::string& s) {
     return utf8OrBytes(reinterpret_cast<const unsigned char*>(s.data()), s.size());
 }
 
+// Beside the unit-wise codec above (which keeps code points to 16 bits): UTF-8 and UTF-16 as the
+// Unicode standard defines them, for text that must survive a round trip (token names in URIs and
+// in the token record of a store) and for output that must be valid UTF-8.
+// Strict UTF-8 to UTF-16 units (a surrogate pair above U+FFFF): false for overlong forms,
+// surrogates, values above U+10FFFF and cut sequences (`out` is then unspecified).
+NEBRALIB_EXPORT bool utf16FromUtf8(const unsigned char* p, std::size_t n, std::wstring& out);
+// UTF-16 units to UTF-8: a surrogate pair becomes its code point, an unpaired surrogate U+FFFD.
+NEBRALIB_EXPORT std::string utf8FromUtf16(const wchar_t* p, std::size_t n);
+inline std::string utf8FromUtf16(const std::wstring& s) {
+    return utf8FromUtf16(s.data(), s.size());
+}
+
 }  // namespace buffer
