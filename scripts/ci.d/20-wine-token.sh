@@ -72,7 +72,7 @@ echo "nebra.exe token and sync --dry-run under Wine give the Linux results"
 # 3. A real sync under Wine (into a store of its own) stops where Wine stops: it cannot set the provider reference (property
 #    54086) of the first certificate, after the key provider information and friendly name.
 STORE="nebra e2e $$ $RANDOM"
-if wine "$NEBRA_EXE" sync --module "$WMOD" --csp "E2E CSP" --store "$STORE" \
+if wine "$NEBRA_EXE" sync --verbose --module "$WMOD" --csp "E2E CSP" --store "$STORE" \
   --pin-env NEBRA_E2E_PIN >"$work/out" 2>"$work/err"; then
   echo "sync under Wine succeeded: Wine now sets application properties; make this a full check"
   exit 1
