@@ -12,6 +12,20 @@
 #include <dlfcn.h>
 #endif
 
+#include <cstddef>
+
+// The Cryptoki ABI the modules of this platform are built for: on Windows a 32-bit CK_ULONG and
+// structures packed to 1 byte; elsewhere the natural layout.
+#ifdef _WIN32
+static_assert(sizeof(CK_ULONG) == 4 && offsetof(CK_ATTRIBUTE, pValue) == 4 &&
+                  sizeof(CK_ATTRIBUTE) == 16,
+              "Windows Cryptoki structures are packed to 1 byte with a 32-bit CK_ULONG");
+#else
+static_assert(sizeof(CK_ULONG) == sizeof(long) && offsetof(CK_ATTRIBUTE, pValue) == sizeof(long) &&
+                  sizeof(CK_ATTRIBUTE) == 3 * sizeof(void*),
+              "Cryptoki structures have their natural layout");
+#endif
+
 namespace pkcs11 {
 
 namespace {
