@@ -55,9 +55,10 @@ struct Case {
     Status expected;
     int flags;
 };
-// osslsigncode differs in two ways: it reports success when any signature verifies, nested ones
+// osslsigncode differs in these ways: it reports success when any signature verifies, nested ones
 // included, while the Authenticode policy (and this verifier) judges only the primary signature;
-// and it accepts MD5, which Windows refuses (SHA-1 it still accepts).
+// it accepts MD5, which Windows refuses (SHA-1 it still accepts); it accepts a signature algorithm
+// that names another digest than the signer's, and a whole 8 bytes of padding after the signature.
 const Case kCases[] = {{"valid-sha256-pe32.exe", S::Trusted, 0},
                        {"valid-sha256-pe32plus.exe", S::Trusted, 0},
                        {"valid-sha1.exe", S::Trusted, 0},
@@ -70,6 +71,11 @@ const Case kCases[] = {{"valid-sha256-pe32.exe", S::Trusted, 0},
                        {"two-signerinfos.exe", S::Malformed, 0},
                        {"appended.exe", S::BadCertificateTable, 0},
                        {"truncated-table.exe", S::BadCertificateTable, 0},
+                       {"table-after-entry.exe", S::Trusted, 0},
+                       {"padding-7.exe", S::Trusted, 0},
+                       {"padding-8.exe", S::BadCertificateTable, kOsslDiffers},
+                       {"sigalg-sha1rsa-over-sha256.exe", S::BadSignature, kOsslDiffers},
+                       {"sigalg-ecdsasha1-over-sha256.exe", S::BadSignature, kOsslDiffers},
                        {"unsigned.exe", S::Unsigned, 0},
                        {"untrusted-root.exe", S::Untrusted, 0},
                        {"missing-intermediate.exe", S::Untrusted, 0},
@@ -207,6 +213,14 @@ TEST(Authenticode, HostileHeadersTablesAndPrefixes) {
          S::BadCertificateTable},
         {"table inside the headers",
          [&](au::Der& b) { put(b, dir, 0x40u), put(b, dir + 4, size - 0x40); },
+         S::BadCertificateTable},
+        // The entry's size field doubles as the WIN_CERTIFICATE length, the next entry as its
+        // revision and type: all consistent, but the table overlaps what the image hash skips.
+        {"table over the second half of its own directory entry",
+         [&](au::Der& b) {
+             b.erase(b.begin() + dir + 12, b.begin() + table + 8);
+             put(b, dir, std::uint32_t(dir + 4)), put(b, dir + 8, 0x00020200u);
+         },
          S::BadCertificateTable},
         {"WIN_CERTIFICATE revision 1.0",
          [&](au::Der& b) { put<std::uint16_t>(b, table + 4, 0x0100); }, S::BadCertificateTable},

@@ -2,12 +2,19 @@
 """Builds and edits the signed-file test corpus (standard library only; openssl for timestamps).
 
   corpus.py mkpe {pe32|pe32plus} OUT [--data-size N]   write a small runnable PE image
+  corpus.py mkpe bare OUT                              PE32+ headers that end with the certificate-
+                                                       table entry: no sections, five directories
   corpus.py set-checksum FILE VALUE                    overwrite the optional header's CheckSum
   corpus.py flip FILE {timestamp|section}              flip one bit of TimeDateStamp / first section
   corpus.py flip-sigvalue FILE                         flip one bit of the primary signature value
   corpus.py second-signer FILE                         repeat the SignerInfo in the signer set
   corpus.py append FILE N                              append N bytes after the certificate table
   corpus.py truncate FILE N                            cut the last N bytes off the file
+  corpus.py set-sigalg FILE OID                        rename the primary signer's signature
+                                                       algorithm (the signature stays as it is)
+  corpus.py pad FILE N                                 exactly N zero bytes after the signature in
+                                                       its entry (an unsigned filler attribute
+                                                       keeps the entry a multiple of 8 bytes)
   corpus.py timestamp FILE {rfc3161|pkcs9} TSACERT TSAKEY CHAIN WORKDIR [DIGEST]
         add a timestamp to the primary signature, made offline by `openssl ts` (RFC 3161) or
         `openssl cms` (a PKCS #9 countersignature, signed with DIGEST, sha256 by default)
@@ -18,6 +25,18 @@ import subprocess
 import sys
 
 # ---------------------------------------------------------------- PE images
+
+
+def mkpe_bare(out):
+    e_lfanew, opt_size = 0x80, 112 + 5 * 8
+    dos = bytearray(e_lfanew)
+    dos[0:2] = b"MZ"
+    struct.pack_into("<I", dos, 0x3C, e_lfanew)
+    coff = struct.pack("<HHIIIHH", 0x8664, 0, 0x5F5E1000, 0, 0, opt_size, 0x0022)
+    opt = bytearray(opt_size)
+    struct.pack_into("<H", opt, 0, 0x20B)
+    struct.pack_into("<I", opt, 108, 5)  # NumberOfRvaAndSizes
+    write(out, bytes(dos) + b"PE\0\0" + coff + bytes(opt))
 
 
 def mkpe(kind, out, data_size):
@@ -105,10 +124,11 @@ def get_pkcs7(buf):
     return table, bytes(der[:hdr + n])
 
 
-def set_pkcs7(buf, der):
+def set_pkcs7(buf, der, pad=None):
     off = pe_offsets(buf)["secdir"]
     table = struct.unpack_from("<I", buf, off)[0]
-    pad = (8 - len(der) % 8) % 8
+    if pad is None:
+        pad = (8 - len(der) % 8) % 8
     entry = struct.pack("<IHH", 8 + len(der) + pad, 0x0200, 2) + der + b"\0" * pad
     out = buf[:table] + entry
     struct.pack_into("<II", out, off, table, len(entry))
@@ -204,6 +224,33 @@ def second_signer(path):
     write(path, set_pkcs7(buf, ci.enc()))
 
 
+def set_sigalg(path, dotted):
+    buf = read(path)
+    _, der = get_pkcs7(buf)
+    ci = parse_all(der)[0]
+    kids = primary_signer(ci).open()
+    alg = kids[kids.index(sig_value(primary_signer(ci))) - 1]
+    alg.open()[0] = parse_all(oid(dotted))[0]
+    write(path, set_pkcs7(buf, ci.enc()))
+
+
+def pad(path, n):
+    buf = read(path)
+    _, der = get_pkcs7(buf)
+    ci = parse_all(der)[0]
+    kids = primary_signer(ci).open()
+    assert all(k.tag != 0xA1 for k in kids), "the signer already has unsigned attributes"
+    base = list(kids)
+    for k in range(-1, 16):
+        kids[:] = base
+        if k >= 0:  # an unsigned attribute of no meaning, k bytes long
+            kids.append(parse_all(tlv(0xA1, tlv(0x30, oid("1.3.6.1.4.1.99999.3") +
+                                                tlv(0x31, tlv(0x04, b"F" * k)))))[0])
+        if (len(ci.enc()) + n) % 8 == 0:
+            break
+    write(path, set_pkcs7(buf, ci.enc(), n))
+
+
 def timestamp(path, kind, tsa_cert, tsa_key, chain, work, digest="sha256"):
     buf = read(path)
     _, der = get_pkcs7(buf)
@@ -271,7 +318,9 @@ ess_cert_id_alg = sha256
 
 def main(argv):
     cmd = argv[1]
-    if cmd == "mkpe":
+    if cmd == "mkpe" and argv[2] == "bare":
+        mkpe_bare(argv[3])
+    elif cmd == "mkpe":
         size = int(argv[4]) if len(argv) > 4 else 3000
         mkpe(argv[2], argv[3], size)
     elif cmd == "set-checksum":
@@ -297,6 +346,10 @@ def main(argv):
     elif cmd == "truncate":
         buf = read(argv[2])
         write(argv[2], buf[:-int(argv[3])])
+    elif cmd == "set-sigalg":
+        set_sigalg(argv[2], argv[3])
+    elif cmd == "pad":
+        pad(argv[2], int(argv[3]))
     elif cmd == "timestamp":
         timestamp(*argv[2:9])
     else:

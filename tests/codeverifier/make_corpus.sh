@@ -166,6 +166,18 @@ $PY append appended.exe 16
 cp valid-sha256-pe32plus.exe truncated-table.exe
 $PY truncate truncated-table.exe 16
 cp work/pe32plus.exe unsigned.exe
+# A signature algorithm that names another digest than the signer's (the signature is unchanged).
+cp valid-sha256-pe32plus.exe sigalg-sha1rsa-over-sha256.exe
+$PY set-sigalg sigalg-sha1rsa-over-sha256.exe 1.2.840.113549.1.1.5
+cp valid-ecdsa.exe sigalg-ecdsasha1-over-sha256.exe
+$PY set-sigalg sigalg-ecdsasha1-over-sha256.exe 1.2.840.10045.4.1
+# The table's boundaries: right after its own directory entry, and 7 or 8 bytes of padding.
+$PY mkpe bare work/bare.exe
+sign leaf sha256 work/bare.exe table-after-entry.exe
+for n in 7 8; do
+  cp valid-sha256-pe32plus.exe "padding-$n.exe"
+  $PY pad "padding-$n.exe" $n
+done
 
 sign otherleaf sha256 work/pe32plus.exe untrusted-root.exe
 $SIGN sign -certs pki/leaf.pem -key pki/leaf.key -h sha256 -n "nebralib test" \
