@@ -36,19 +36,16 @@ int run(const nebra::Args& args) {
     // Every certificate with the library's CSP reference (several may share a container), then
     // those bound through key provider information alone, which the by-container map finds.
     std::vector<Entry> certs = helper->listTokenCertificates(csp);
-    std::set<std::string> listed;
-    auto derOf = [](const asn1::Certificate& c) {
-        return std::string(reinterpret_cast<const char*>(c.der().data()), c.der().size());
-    };
-    for (const Entry& e : certs) listed.insert(derOf(e.certificate));
+    std::set<buffer::Buffer<unsigned char>> listed;
+    for (const Entry& e : certs) listed.insert(e.certificate.der());
     auto byContainer = helper->listCertsByCsp(csp, false);
     for (const auto& entry : *byContainer)
-        if (!listed.count(derOf(entry.second.certificate)))
+        if (!listed.count(entry.second.certificate.der()))
             certs.push_back({entry.first.str(), entry.second.certificate, {}, false});
     // By container, then by encoding: the same order whatever order the platform's store keeps.
     std::sort(certs.begin(), certs.end(), [&](const Entry& a, const Entry& b) {
         return a.container != b.container ? a.container < b.container
-                                          : derOf(a.certificate) < derOf(b.certificate);
+                                          : a.certificate.der() < b.certificate.der();
     });
 
     if (args.flag("json")) {

@@ -63,12 +63,8 @@ void onStop() {
 
 // The module's answer for a slot that has no token (any more).
 bool meansRemoved(const orvo::GenericEvent& e) {
-    const buffer::Buffer<wchar_t>* rv = e.param(L"CRYPTOKY_ERROR_CODE");
-    if (!rv) return false;
-    const std::string code = utf8(*rv);
-    return code == std::to_string(CKR_TOKEN_NOT_PRESENT) ||
-           code == std::to_string(CKR_DEVICE_REMOVED) ||
-           code == std::to_string(CKR_SLOT_ID_INVALID);
+    const unsigned long rv = cryptokiCode(e);
+    return rv == CKR_TOKEN_NOT_PRESENT || rv == CKR_DEVICE_REMOVED || rv == CKR_SLOT_ID_INVALID;
 }
 
 // A number of seconds: the whole text must be a finite decimal number.

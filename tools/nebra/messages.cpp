@@ -90,6 +90,10 @@ std::string cryptokiName(unsigned long rv) {
     return "code " + std::to_string(rv);
 }
 
+unsigned long cryptokiCode(const orvo::GenericEvent& e) {
+    return std::strtoul(param(e, L"CRYPTOKY_ERROR_CODE").c_str(), nullptr, 10);
+}
+
 std::string explain(const orvo::GenericEvent& e) {
     const std::string name = e.what();
     if (name == "Pkcs11Error_CryptokiError") {
@@ -104,7 +108,7 @@ std::string explain(const orvo::GenericEvent& e) {
                             joined(platform::modules::registeredModuleNames()) + ").";
             return sentence;
         }
-        unsigned long rv = std::strtoul(param(e, L"CRYPTOKY_ERROR_CODE").c_str(), nullptr, 10);
+        unsigned long rv = cryptokiCode(e);
         if (e.param(L"REASON"))  // the library stopped a module that misbehaved
             return "Stopped: " + param(e, L"REASON") + " (" + cryptokiName(rv) + ").";
         std::string hint = "the PKCS#11 module refused the call";

@@ -11,5 +11,7 @@ namespace nebra {
 std::string cryptokiName(unsigned long rv);
 // One sentence on what went wrong and what to do; "" when there is nothing to add to the event.
 std::string explain(const orvo::GenericEvent& e);
+// The Cryptoki return value an event carries (CRYPTOKY_ERROR_CODE), or CKR_OK when it has none.
+unsigned long cryptokiCode(const orvo::GenericEvent& e);
 
 }  // namespace nebra

@@ -94,11 +94,6 @@ void release(const SyncOptions& o, const StoreTarget& t, CertStoreHelper& store,
     }
 }
 
-std::string derKey(const asn1::Certificate& cert) {
-    const auto& der = cert.der();
-    return std::string(reinterpret_cast<const char*>(der.data()), der.size());
-}
-
 std::string changesJson(const std::vector<Change>& v) {
     std::string out = "[";
     for (std::size_t i = 0; i < v.size(); ++i) {
@@ -140,15 +135,16 @@ StoreResult syncStore(const SyncOptions& o, const StoreTarget& t, const CertMap&
     CertStoreHelper store(wideFromUtf8(t.store));
     // The provider's certificates by DER: one walk of the store instead of a lookup per
     // certificate that is present but bound otherwise.
-    std::map<std::string, CertStoreHelper::TokenCertificate> ours;
-    for (auto& tc : store.listTokenCertificates(o.csp)) ours.emplace(derKey(tc.certificate), tc);
-    std::set<std::string> seen;  // a token may hold one certificate under several CKA_IDs
+    std::map<buffer::Buffer<unsigned char>, CertStoreHelper::TokenCertificate> ours;
+    for (auto& tc : store.listTokenCertificates(o.csp)) ours.emplace(tc.certificate.der(), tc);
+    std::set<buffer::Buffer<unsigned char>>
+        seen;  // a token may hold one certificate under several CKA_IDs
     Progress progress(certs.size(), t.store);
     for (const auto& entry : certs) {
         const std::wstring container = entry.first.str();
         const CertItem& item = entry.second;
         Change c{utf8(entry.first), displayName(item)};
-        const std::string key = derKey(item.certificate);
+        const buffer::Buffer<unsigned char>& key = item.certificate.der();
         auto found = ours.find(key);
         const CertStoreHelper::TokenCertificate* mine =
             found == ours.end() ? nullptr : &found->second;
@@ -246,10 +242,10 @@ std::vector<StoreResult> syncToken(const SyncOptions& o, const std::vector<Store
     if (!o.prune) return results;
     // Prune per certificate over everything the token holds, whatever its group: one store may
     // take several groups, and a certificate may move between groups.
-    std::set<std::string> held;
+    std::set<buffer::Buffer<unsigned char>> held;
     for (const CertMap* group :
          {&all.certsWithPrivateKey, &all.rootCerts, &all.caCerts, &all.otherCerts})
-        for (const auto& entry : *group) held.insert(derKey(entry.second.certificate));
+        for (const auto& entry : *group) held.insert(entry.second.certificate.der());
     std::set<std::string> pruned;
     for (std::size_t i = 0; i < targets.size(); ++i) {
         if (!pruned.insert(targets[i].store).second) continue;
@@ -262,7 +258,7 @@ std::vector<StoreResult> syncToken(const SyncOptions& o, const std::vector<Store
         release(
             o, targets[i], store, r, [&](const TokenIdentity& id) { return id == token; },
             [&](const CertStoreHelper::TokenCertificate& tc) {
-                return held.count(derKey(tc.certificate)) != 0;
+                return held.count(tc.certificate.der()) != 0;
             });
     }
     return results;
@@ -292,24 +288,25 @@ void printResults(std::ostream& out, const std::vector<StoreResult>& results, bo
         if (!r.shared.empty()) out << ", " << r.shared.size() << " shared with another token";
         out << "\n";
         if (!r.skipped.empty()) out << "  nothing removed: " << r.skipped << "\n";
-        for (const Change& c : r.added)
-            out << "  + " << shown(c.container) << "  " << shown(c.name) << "\n";
-        for (const Change& c : r.kept)
-            out << "  = " << shown(c.container) << "  " << shown(c.name) << " (left as it is)\n";
-        for (const Change& c : r.removed)
-            out << "  - " << shown(c.container) << "  " << shown(c.name) << "\n";
-        for (const Change& c : r.unlinked)
-            out << "  ~ " << shown(c.container) << "  " << shown(c.name)
-                << " (still on another token)\n";
-        for (const Change& c : r.rebound)
-            out << "  > " << shown(c.container) << "  " << shown(c.name)
-                << " (its CKA_ID changed)\n";
-        for (const Change& c : r.shared)
-            out << "  = " << shown(c.container) << "  " << shown(c.name)
-                << " (bound for another token that has it too; recorded for this one as well)\n";
-        for (const Change& c : r.unreadable)
-            out << "  ! " << shown(c.container) << "  " << shown(c.name)
-                << " (its token record cannot be read: left as it is)\n";
+        // Each kind of change: its mark, its list, and what is said after each entry.
+        const struct {
+            const char* mark;
+            const std::vector<Change>& changes;
+            const char* note;
+        } kinds[] = {
+            {"+", r.added, ""},
+            {"=", r.kept, " (left as it is)"},
+            {"-", r.removed, ""},
+            {"~", r.unlinked, " (still on another token)"},
+            {">", r.rebound, " (its CKA_ID changed)"},
+            {"=", r.shared,
+             " (bound for another token that has it too; recorded for this one as well)"},
+            {"!", r.unreadable, " (its token record cannot be read: left as it is)"},
+        };
+        for (const auto& kind : kinds)
+            for (const Change& c : kind.changes)
+                out << "  " << kind.mark << " " << shown(c.container) << "  " << shown(c.name)
+                    << kind.note << "\n";
         if (prune && r.unrecorded)
             out << "  (" << r.unrecorded
                 << " certificates of this provider record no token and were left alone; "

@@ -14,6 +14,7 @@
 
 #include "platform/console.h"
 #include "platform/modules.h"
+#include "tools/nebra/messages.h"
 
 namespace nebra {
 
@@ -162,8 +163,6 @@ std::set<std::string>& refusedPins() {
     return refused;
 }
 
-const CK_RV kPinIncorrect = CKR_PIN_INCORRECT;
-
 // The PIN-pad login, where the caller may stop waiting for it.
 void keypadLogin(Pkcs11Helper& helper, std::ostream& notice,
                  const volatile std::sig_atomic_t* stop) {
@@ -265,8 +264,7 @@ void loginToken(Pkcs11Helper& helper, const Args& args, const TokenChoice& choic
     try {
         helper.login(bytes);
     } catch (const orvo::GenericEvent& e) {
-        const buffer::Buffer<wchar_t>* rv = e.param(L"CRYPTOKY_ERROR_CODE");
-        if (rv && utf8(*rv) == std::to_string(kPinIncorrect)) {
+        if (cryptokiCode(e) == CKR_PIN_INCORRECT) {
             refusedPins().insert(uri);
             try {
                 if (helper.tokenInfo().flags & CKF_USER_PIN_FINAL_TRY)
