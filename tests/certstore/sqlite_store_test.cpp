@@ -24,17 +24,6 @@ using storetest::der;
 
 namespace {
 
-// Sets an environment variable (null: unsets it) for the scope.
-struct ScopedEnv {
-    ScopedEnv(const char* name, const char* value) : name(name), old(std::getenv(name)) {
-        if (old) saved = old;
-        value ? setenv(name, value, 1) : unsetenv(name);
-    }
-    ~ScopedEnv() { old ? setenv(name, saved.c_str(), 1) : unsetenv(name); }
-    const char *name, *old;
-    std::string saved;
-};
-
 std::string dbPath(const std::string& dataHome) {
     return dataHome + "/nebralib/certstores.sqlite";
 }
@@ -61,39 +50,10 @@ bool opens(const std::wstring& name) {
     return s != nullptr;
 }
 
-// A forked process running `work` (exit status 0 when it returns true, 1 otherwise); as user
-// nobody when the tests run as root and `asNobody` is set, so that file permissions apply. It
-// must be forked while this process holds no database connection: those must not cross a fork.
-class Child {
-public:
-    explicit Child(const std::function<bool()>& work, bool asNobody = false) {
-        if ((pid_ = fork()) != 0) return;
-        if (asNobody && geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(3);
-        try {
-            _exit(work() ? 0 : 1);
-        } catch (...) {
-            _exit(1);
-        }
-    }
-    ~Child() {
-        if (pid_ > 0) kill(pid_, SIGKILL), wait();
-    }
-    void kill9() { kill(pid_, SIGKILL); }
-    int wait() {  // exit status, or 128 + signal
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-
-private:
-    pid_t pid_ = -1;
-};
-
 TEST(SqliteStore, LivesInTheUsersDataDirectoryWithItsSchema) {
     {
         nebratest::TempDir home;
-        ScopedEnv xdg("XDG_DATA_HOME", (home.path() + "/data").c_str());
+        nebratest::ScopedEnv xdg("XDG_DATA_HOME", (home.path() + "/data").c_str());
         ASSERT_TRUE(opens(L"MY"));
         std::string path = dbPath(home.path() + "/data");
         struct stat st {};
@@ -106,10 +66,10 @@ TEST(SqliteStore, LivesInTheUsersDataDirectoryWithItsSchema) {
     {
         // Without XDG_DATA_HOME, or with a relative one (invalid), the default under HOME.
         nebratest::TempDir home;
-        ScopedEnv h("HOME", home.path().c_str());
-        ScopedEnv xdg("XDG_DATA_HOME", nullptr);
+        nebratest::ScopedEnv h("HOME", home.path().c_str());
+        nebratest::ScopedEnv xdg("XDG_DATA_HOME", nullptr);
         ASSERT_TRUE(opens(L"Root"));
-        ScopedEnv relative("XDG_DATA_HOME", "relative/dir");
+        nebratest::ScopedEnv relative("XDG_DATA_HOME", "relative/dir");
         ASSERT_TRUE(opens(L"CA"));
         EXPECT_EQ(sql(dbPath(home.path() + "/.local/share"),
                       "SELECT group_concat(name) FROM (SELECT name FROM stores ORDER BY id)"),
@@ -174,7 +134,7 @@ TEST(SqliteStore, AFailedDigestFailsTheOperation) {
 TEST(SqliteStore, RefusesADatabaseItCannotUse) {
     nebratest::TempDir dir;
     std::string data = dir.path() + "/data", path = dbPath(data);
-    ScopedEnv xdg("XDG_DATA_HOME", data.c_str());
+    nebratest::ScopedEnv xdg("XDG_DATA_HOME", data.c_str());
     auto reset = [&] {
         for (const char* suffix : {"", "-wal", "-shm"}) unlink((path + suffix).c_str());
     };
@@ -189,7 +149,7 @@ TEST(SqliteStore, RefusesADatabaseItCannotUse) {
     EXPECT_EQ(sql(path, "PRAGMA user_version=1; DROP TABLE props"), "<ok>");
     EXPECT_FALSE(opens(L"MY"));
     {  // a location that cannot be created, a database path that is a directory
-        ScopedEnv bad("XDG_DATA_HOME", "/proc/self/nebralib-cannot-exist");
+        nebratest::ScopedEnv bad("XDG_DATA_HOME", "/proc/self/nebralib-cannot-exist");
         EXPECT_FALSE(opens(L"MY"));
     }
     reset();
@@ -230,14 +190,15 @@ constexpr std::size_t kCount = 1000;
 
 // The helper's workload in a child: 1,000 certificates added through addCspCertificates, or
 // removed through deleteCspCertificates.
-std::unique_ptr<Child> start(const std::wstring& store, bool adding) {
+// It must be forked while this process holds no database connection: those must not cross a fork.
+std::unique_ptr<nebratest::Process> start(const std::wstring& store, bool adding) {
     static const auto map = storetest::tokenMap(storetest::generateCertificates(kCount));
-    return std::unique_ptr<Child>(new Child([=] {
+    return std::make_unique<nebratest::Process>([=] {
         CertStoreHelper helper(store);
         adding ? helper.addCspCertificates(kCsp, map, true)
                : helper.deleteCspCertificates(kCsp, false);
-        return true;
-    }));
+        return 0;
+    });
 }
 
 // The number of certificates in the store, which must open, list each under its own container,
@@ -331,13 +292,12 @@ TEST(P11KitProviders, AreTheRegisteredModulesInP11KitsOrder) {
     nebratest::writeFile(modules + "/nebra-test-module.module",
                          "module: " + dir + "/module.so\npriority: 99\n");
     chmod((modules + "/nebra-test-module.module").c_str(), 0644);
-    Child user(
-        [dir] {
-            setenv("HOME", dir.c_str(), 1);
-            auto names = CertStoreHelper::listCSPs();
-            return !names->empty() && names->front() == L"nebra-test-module";
-        },
-        true);
+    nebratest::Process user([dir] {
+        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) return 3;  // nobody
+        setenv("HOME", dir.c_str(), 1);
+        auto names = CertStoreHelper::listCSPs();
+        return !names->empty() && names->front() == L"nebra-test-module" ? 0 : 1;
+    });
     EXPECT_EQ(user.wait(), 0);
 }
 

@@ -149,9 +149,7 @@ TEST(Authenticode, ClockAndRootsOfThePolicy) {
 // user's own store "ROOT" beside the system bundle.
 TEST(Authenticode, CodeVerifierTrustsTheRootSource) {
     nebratest::TempDir data;
-    const char* old = std::getenv("XDG_DATA_HOME");
-    const std::string saved = old ? old : "";
-    setenv("XDG_DATA_HOME", data.path().c_str(), 1);
+    nebratest::ScopedEnv xdg("XDG_DATA_HOME", data.path().c_str());
     auto trusted = [](const char* file) {
         try {
             buffer::Buffer<wchar_t> path(buffer::fromUtf8(corpus(file)));
@@ -172,10 +170,6 @@ TEST(Authenticode, CodeVerifierTrustsTheRootSource) {
         L"test", L"", L"",
         asn1::Certificate(buffer::Buffer<unsigned char>(root.data(), root.size())), false);
     EXPECT_TRUE(trusted("valid-sha256-pe32.exe"));
-    if (old)
-        setenv("XDG_DATA_HOME", saved.c_str(), 1);
-    else
-        unsetenv("XDG_DATA_HOME");
 }
 
 std::uint32_t get32(const au::Der& b, std::size_t off) {

@@ -21,61 +21,11 @@ void must(int rc, const std::string& what) {
     if (rc != 0) throw std::runtime_error(what + " failed with " + std::to_string(rc));
 }
 
-void setEnv(const char* name, const std::string& value) {
-#ifdef _WIN32
-    _putenv_s(name, value.c_str());  // the C runtime's copy, which the module reads too
-#else
-    setenv(name, value.c_str(), 1);
-#endif
-}
-
-void unsetEnv(const char* name) {
-#ifdef _WIN32
-    _putenv_s(name, "");
-#else
-    unsetenv(name);
-#endif
-}
-
-// Runs a program with its arguments, output discarded; returns its exit status.
 // An attribute length: CK_ULONG is 32 bits on Windows.
 CK_ULONG len(std::size_t n) {
     return static_cast<CK_ULONG>(n);
 }
 
-int runProgram(const std::vector<std::string>& argv) {
-#ifdef _WIN32
-    std::string line;
-    for (const std::string& a : argv) line += (line.empty() ? "\"" : " \"") + a + "\"";
-    SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
-    HANDLE nul =
-        CreateFileA("NUL", GENERIC_WRITE, FILE_SHARE_WRITE, &sa, OPEN_EXISTING, 0, nullptr);
-    STARTUPINFOA si{};
-    si.cb = sizeof si;
-    si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdOutput = si.hStdError = nul;
-    si.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-    PROCESS_INFORMATION pi{};
-    BOOL ok =
-        CreateProcessA(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
-    CloseHandle(nul);
-    if (!ok) return -1;
-    WaitForSingleObject(pi.hProcess, INFINITE);
-    DWORD code = 1;
-    GetExitCodeProcess(pi.hProcess, &code);
-    CloseHandle(pi.hProcess);
-    CloseHandle(pi.hThread);
-    return static_cast<int>(code);
-#else
-    std::string cmd;
-    for (const std::string& a : argv) {
-        cmd += cmd.empty() ? "'" : " '";
-        for (char c : a) cmd += c == '\'' ? std::string("'\\''") : std::string(1, c);
-        cmd += "'";
-    }
-    return sh(cmd + " >/dev/null");
-#endif
-}
 }  // namespace
 
 std::string hostPath(const std::string& path) {
@@ -113,21 +63,10 @@ const char* const kNotACryptokiModule = "libz.so.1";
 SoftHsm::SoftHsm() {
     std::string tokens = hostPath(dir_.file("tokens"));
     std::filesystem::create_directories(tokens);
-    conf_ = hostPath(dir_.file("softhsm2.conf"));
-    writeFile(conf_, "directories.tokendir = " + tokens +
+    const std::string conf = hostPath(dir_.file("softhsm2.conf"));
+    writeFile(conf, "directories.tokendir = " + tokens +
                          "\nobjectstore.backend = file\nlog.level = ERROR\n");
-    if (const char* prev = std::getenv("SOFTHSM2_CONF")) {
-        hadPreviousConf_ = *prev != 0;
-        previousConf_ = prev;
-    }
-    setEnv("SOFTHSM2_CONF", conf_);
-}
-
-SoftHsm::~SoftHsm() {
-    if (hadPreviousConf_)
-        setEnv("SOFTHSM2_CONF", previousConf_);
-    else
-        unsetEnv("SOFTHSM2_CONF");
+    env_.reset(new ScopedEnv("SOFTHSM2_CONF", conf.c_str()));
 }
 
 std::string SoftHsm::module() {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,6 @@ namespace nebratest {
 class SoftHsm {
 public:
     SoftHsm();
-    ~SoftHsm();
 
     static std::string module();       // the SoftHSM2 module
     static std::string faultModule();  // the fault-injecting module forwarding to SoftHSM2
@@ -28,13 +28,10 @@ public:
     // Initialises a token with only an SO PIN (user PIN not initialised).
     void initTokenWithoutUserPin(const std::string& label, const std::string& soPin = "12345678");
     const std::string& dir() const { return dir_.path(); }
-    const std::string& conf() const { return conf_; }
 
 private:
     TempDir dir_;
-    std::string conf_;
-    std::string previousConf_;
-    bool hadPreviousConf_ = false;
+    std::unique_ptr<ScopedEnv> env_;  // SOFTHSM2_CONF for the fixture's lifetime
 };
 
 // A logged-in session of our own on a token, for provisioning objects through Cryptoki. The module

@@ -1,11 +1,21 @@
 #include "support/testsupport.h"
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <random>
 #include <sstream>
+#include <thread>
 
 #include <filesystem>
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
 
 namespace nebratest {
 
@@ -133,5 +143,112 @@ void writeFile(const std::string& path, const std::string& data) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(data.data(), static_cast<std::streamsize>(data.size()));
 }
+
+int runProgram(const std::vector<std::string>& argv) {
+#ifdef _WIN32
+    std::string line;
+    for (const std::string& a : argv) line += (line.empty() ? "\"" : " \"") + a + "\"";
+    SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
+    HANDLE nul =
+        CreateFileA("NUL", GENERIC_WRITE, FILE_SHARE_WRITE, &sa, OPEN_EXISTING, 0, nullptr);
+    STARTUPINFOA si{};
+    si.cb = sizeof si;
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdOutput = si.hStdError = nul;
+    si.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    PROCESS_INFORMATION pi{};
+    BOOL ok =
+        CreateProcessA(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
+    CloseHandle(nul);
+    if (!ok) return -1;
+    WaitForSingleObject(pi.hProcess, INFINITE);
+    DWORD code = 1;
+    GetExitCodeProcess(pi.hProcess, &code);
+    CloseHandle(pi.hProcess);
+    CloseHandle(pi.hThread);
+    return static_cast<int>(code);
+#else
+    std::string cmd;
+    for (const std::string& a : argv) {
+        cmd += cmd.empty() ? "'" : " '";
+        for (char c : a) cmd += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        cmd += "'";
+    }
+    return sh(cmd + " >/dev/null");
+#endif
+}
+
+bool waitFor(const std::function<bool()>& done) {
+    auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(50)))
+        if (std::chrono::steady_clock::now() > limit) return false;
+    return true;
+}
+
+namespace {
+void putEnv(const std::string& name, const char* value) {
+#ifdef _WIN32
+    _putenv_s(name.c_str(), value ? value : "");
+#else
+    value ? setenv(name.c_str(), value, 1) : unsetenv(name.c_str());
+#endif
+}
+}  // namespace
+
+ScopedEnv::ScopedEnv(const char* name, const char* value) : name_(name) {
+    const char* old = std::getenv(name);
+    had_ = old != nullptr;
+    if (had_) saved_ = old;
+    putEnv(name_, value);
+}
+
+ScopedEnv::~ScopedEnv() {
+    putEnv(name_, had_ ? saved_.c_str() : nullptr);
+}
+
+#ifndef _WIN32
+Process::Process(const std::function<int()>& work) {
+    if ((pid_ = fork()) != 0) return;
+    try {
+        _exit(work());
+    } catch (...) {
+        _exit(1);
+    }
+}
+
+Process::Process(const std::string& shellCommand)
+    : Process([&shellCommand] {
+          execl("/bin/sh", "sh", "-c", ("exec " + shellCommand).c_str(),
+                static_cast<char*>(nullptr));
+          return 127;
+      }) {}
+
+Process::~Process() {
+    if (pid_ > 0) kill9(), wait();
+}
+
+void Process::kill9() {
+    kill(pid_, SIGKILL);
+}
+
+int Process::wait() {
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+int Process::stop() {
+    kill(pid_, SIGTERM);
+    int status = 0;
+    if (!waitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) {
+        kill9();
+        wait();
+        return -1;
+    }
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+#endif
 
 }  // namespace nebratest

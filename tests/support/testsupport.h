@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "nebralib/nebralib.h"
 
@@ -68,6 +69,44 @@ bool runningUnderWine();
 bool stockWineCrypt32();
 // Runs a shell command (Linux); returns its exit status.
 int sh(const std::string& cmd);
+// Runs a program with its arguments, output discarded; returns its exit status.
+int runProgram(const std::vector<std::string>& argv);
+// Waits until `done` holds, polling; false after a minute (generous for a loaded machine: a bound
+// that keeps a stuck test from hanging, never a timing assertion).
+bool waitFor(const std::function<bool()>& done);
+
+// Sets an environment variable (null: unsets it) for the scope; the value before comes back after.
+// On Windows it sets the C runtime's copy, which a loaded module reads too.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const char* value);
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    std::string name_, saved_;
+    bool had_;
+};
+
+#ifndef _WIN32
+// A child process: a forked function (its exit status is what the function returns, 1 when it
+// throws) or a shell command. One still running when the object goes is killed.
+class Process {
+public:
+    explicit Process(const std::function<int()>& work);
+    explicit Process(const std::string& shellCommand);
+    ~Process();
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+    void kill9();
+    int wait();  // the exit status, or 128 + signal
+    int stop();  // SIGTERM and wait; -1 when it did not end and was killed
+
+private:
+    int pid_ = -1;
+};
+#endif
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& data);
 

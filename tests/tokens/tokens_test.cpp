@@ -1,139 +1,9 @@
-// Two SoftHSM2 tokens whose certificates use the same key identifiers, a private store database,
-// and the nebra tool run as a user runs it: sync, prune and removal of one token never touch the
-// other's certificates; tokens are chosen by PKCS#11 URI and listed by 'nebra tokens'; nebra watch
-// runs as a process while token directories move into and out of SoftHSM2's token directory (a
-// rename is atomic), and is stopped with SIGTERM.
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
+// Sync, prune and removal of one token never touch the other's certificates; tokens are chosen by
+// PKCS#11 URI and listed by 'nebra tokens'.
+#include "twotokens.h"
 
-#include <algorithm>
-#include <chrono>
-#include <cstdlib>
-#include <thread>
-
-#include "certgen.h"
-#include "platform/certstore.h"
-#include "storetest.h"
-#include "support/softhsm.h"
-
-using nebratest::contains;
-using pkcs11::certstoreupdater::CertStoreHelper;
-
+namespace tokentest {
 namespace {
-
-using Lines = std::vector<std::string>;
-
-struct Outcome {
-    int status;
-    std::string out, err;
-};
-
-std::size_t count(const std::string& text, const std::string& what) {
-    std::size_t n = 0;
-    for (auto p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) ++n;
-    return n;
-}
-
-// The C_Login calls the fault module counted in its NEBRA_FAULT_COUNTS file, over every load.
-int loginsIn(const std::string& countsFile) {
-    std::string text = nebratest::readFile(countsFile);
-    int n = 0;
-    for (std::size_t p = text.find("C_Login "); p != std::string::npos;
-         p = text.find("C_Login ", p + 1))
-        n += std::atoi(text.c_str() + p + 8);
-    return n;
-}
-
-class TwoTokens : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (const char* p = std::getenv("XDG_DATA_HOME")) previousData = p;
-        setenv("XDG_DATA_HOME", data.path().c_str(), 1);
-        setenv("PIN", "1234", 1);
-        setenv("BADPIN", "0000", 1);
-        der = storetest::generateCertificates(7);  // der[0..1] on cardA, der[2..3] on cardB
-        const char* labels[] = {"cardA", "cardB"};
-        for (int t = 0; t < 2; ++t) {
-            hsm.initToken(labels[t], "1234");
-            nebratest::TokenWriter w(nebratest::SoftHsm::module(), labels[t], "1234");
-            for (int i = 0; i < 2; ++i) {
-                std::string id(1, static_cast<char>(i + 1));
-                w.addCertificate(der[2 * t + i], id, std::string(labels[t]) + " user" + "12"[i]);
-                w.addKeyPair(id);
-            }
-        }
-    }
-    void TearDown() override {
-        if (pid_ > 0) stop();
-        previousData.empty() ? unsetenv("XDG_DATA_HOME")
-                             : setenv("XDG_DATA_HOME", previousData.c_str(), 1);
-    }
-    // Runs build/bin/nebra with `args` (shell words, after environment assignments if any).
-    Outcome nebra(std::string args) {
-        std::size_t at = 0;  // after the environment assignments in front
-        while (args.find('=', at) < args.find(' ', at)) at = args.find(' ', at) + 1;
-        // Bounded, so that a command that never ends fails the test instead of hanging it.
-        args.insert(at, "timeout -s KILL 120 " + std::string(NEBRA_BINARY_DIR) + "/bin/nebra ");
-        std::string out = data.file("out"), err = data.file("err");
-        int status = nebratest::sh(args + " >'" + out + "' 2>'" + err + "'");
-        return {status, nebratest::readFile(out), nebratest::readFile(err)};
-    }
-    // The token URI for `label` through SoftHSM2 (module-path).
-    static std::string uri(const std::string& label) {
-        return "'pkcs11:token=" + label + "?module-path=" + nebratest::SoftHsm::module() + "'";
-    }
-    // Certificates of the provider "Prov" in a store: "container label-of-token(s)" lines ("-":
-    // no token recorded, "?": a token record that does not decode).
-    Lines stored(const wchar_t* store = L"MY") {
-        Lines lines;
-        for (const auto& tc : CertStoreHelper(store).listTokenCertificates(L"Prov")) {
-            std::string line = nebratest::u8(tc.container) + " ";
-            for (const auto& t : tc.tokens) line += nebratest::u8(t.label) + "+";
-            lines.push_back(tc.unreadable ? line + "?" : tc.tokens.empty() ? line + "-" : line);
-        }
-        std::sort(lines.begin(), lines.end());
-        return lines;
-    }
-    // Starts 'nebra watch ARGS' (after environment assignments `env`) with stdout and stderr to
-    // files.
-    void start(const std::string& args, const std::string& env = "") {
-        pid_ = fork();
-        ASSERT_GE(pid_, 0);
-        if (pid_ != 0) return;
-        std::string cmd = "exec env " + env + " " + std::string(NEBRA_BINARY_DIR) +
-                          "/bin/nebra watch " + args + " >'" + data.file("watch.out") + "' 2>'" +
-                          data.file("watch.err") + "'";
-        execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    int stop() {  // SIGTERM; the exit status (-1: it did not end, and was killed)
-        kill(pid_, SIGTERM);
-        int status = 0;
-        bool ended = waitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
-        if (!ended) kill(pid_, SIGKILL), waitpid(pid_, &status, 0);
-        pid_ = -1;
-        if (!ended) return -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-    // Waits (bounded: generous for a loaded machine, never a timing assertion) until `done` holds.
-    bool waitFor(const std::function<bool()>& done) {
-        auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(50)))
-            if (std::chrono::steady_clock::now() > limit) return false;
-        return true;
-    }
-    std::string watched() {
-        return nebratest::readFile(data.file("watch.out")) + "\n--- stderr:\n" +
-               nebratest::readFile(data.file("watch.err"));
-    }
-
-    nebratest::SoftHsm hsm;
-    nebratest::TempDir data;
-    std::vector<buffer::Buffer<unsigned char>> der;
-    std::string previousData;
-    pid_t pid_ = -1;
-};
 
 TEST_F(TwoTokens, EachTokenKeepsItsOwnCertificates) {
     // Written before tokens were recorded: cardA's first certificate, and one no token has.
@@ -544,7 +414,7 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
     // Text from a token is data: a label with a terminal control sequence, a line feed and bytes
     // that are not UTF-8 (the encoding of a lone surrogate) is escaped on a terminal, and valid,
     // escaped UTF-8 in JSON.
-    setenv("EVIL", "LABEL=x\x1b[2J\nl\xed\xa0\x80", 1);
+    nebratest::ScopedEnv evilLabel("EVIL", "LABEL=x\x1b[2J\nl\xed\xa0\x80");
     const std::string evil = "NEBRA_FAULT=\"$EVIL\" ";
     Outcome shownText = nebra(evil + "tokens --module " + fault);
     EXPECT_TRUE(contains(shownText.out, "label x\\e[2J\\nl"));
@@ -555,103 +425,7 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
     EXPECT_TRUE(buffer::utf16FromUtf8(reinterpret_cast<const unsigned char*>(json.out.data()),
                                       json.out.size(), units))
         << json.out;
-    unsetenv("EVIL");
-}
-
-std::string tokenDir(const nebratest::SoftHsm& hsm, const std::string& label) {
-    nebratest::TempDir tmp;
-    nebratest::sh("grep -l '" + label + "' '" + hsm.dir() + "'/tokens/*/token.object | " +
-                  "xargs -n1 dirname > '" + tmp.file("dir") + "'");
-    std::string dir = nebratest::readFile(tmp.file("dir"));
-    return dir.substr(0, dir.find('\n'));
-}
-
-TEST_F(TwoTokens, WatchSyncsTokensMovedInAndReleasesOnlyTheRemovedOnesCertificates) {
-    const std::string cardB = tokenDir(hsm, "cardB"), parked = data.file("cardB");
-    ASSERT_FALSE(cardB.empty());
-    ASSERT_EQ(rename(cardB.c_str(), parked.c_str()), 0);
-    start("--module " + nebratest::SoftHsm::module() +
-          " --csp Prov --pin-env PIN --any-token --interval 0.2 --on-removal remove");
-    const Lines onlyA{"CKAIDHEX:01 cardA+", "CKAIDHEX:02 cardA+"};
-    EXPECT_TRUE(waitFor([&] { return stored() == onlyA; })) << watched();
-    ASSERT_EQ(rename(parked.c_str(), cardB.c_str()), 0);  // inserted
-    EXPECT_TRUE(waitFor([&] {
-        return stored() == Lines{"CKAIDHEX:01 cardA+", "CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardA+",
-                                 "CKAIDHEX:02 cardB+"};
-    })) << watched();
-    ASSERT_EQ(rename(cardB.c_str(), parked.c_str()), 0);  // removed: only its certificates go
-    EXPECT_TRUE(waitFor([&] { return stored() == onlyA; })) << watched();
-    EXPECT_EQ(stop(), 0);
-    const std::string text = nebratest::readFile(data.file("watch.out"));
-    for (const char* line :
-         {"inserted pkcs11:", "synced pkcs11:", "removed pkcs11:", "released pkcs11:"})
-        EXPECT_TRUE(contains(text, line));
-    EXPECT_EQ(count(text, ";token=cardB  MY: 0 added, 0 unchanged, 2 removed\n"), 1u) << text;
-    EXPECT_EQ(count(text, "\n"), 6u) << text;  // A and B inserted and synced; B removed, released
-}
-
-// What a card does to an unattended watch: a wrong PIN is sent once, whatever re-insertions
-// follow (three would lock a card); a device error is not a removal; a PIN-pad login that nobody
-// answers does not keep SIGTERM from ending it.
-TEST_F(TwoTokens, WatchNeverRetriesAPinOrTakesABlipForARemoval) {
-    const std::string cardA = tokenDir(hsm, "cardA"), parked = data.file("cardA");
-    const std::string fault = nebratest::SoftHsm::faultModule(), counts = data.file("counts");
-    start("--module 'pkcs11:token=cardA?module-path=" + fault +
-              "' --csp Prov --pin-env BADPIN --interval 0.1 --json --verbose",
-          "NEBRA_FAULT_COUNTS=" + counts);
-    auto polls = [&] { return count(nebratest::readFile(data.file("watch.err")), "poll: "); };
-    for (int insertion = 1; insertion <= 3; ++insertion) {
-        // Inserted and done with: each insertion ends in one error line (refused, or not sent).
-        EXPECT_TRUE(waitFor([&] {
-            return count(nebratest::readFile(data.file("watch.out")), "\"event\":\"error\"") ==
-                   static_cast<std::size_t>(insertion);
-        })) << watched();
-        ASSERT_EQ(rename(cardA.c_str(), parked.c_str()), 0);
-        std::size_t seen = polls();
-        EXPECT_TRUE(waitFor([&] { return polls() >= seen + 2; })) << watched();
-        ASSERT_EQ(rename(parked.c_str(), cardA.c_str()), 0);
-    }
-    EXPECT_EQ(stop(), 0);
-    std::string text = nebratest::readFile(data.file("watch.out"));
-    EXPECT_EQ(count(text, "(CKR_PIN_INCORRECT)"), 1u) << text;
-    EXPECT_EQ(count(text, "refused the PIN before; it is not sent again"), 2u) << text;
-    EXPECT_EQ(loginsIn(counts), 1);
-    EXPECT_TRUE(stored().empty());
-
-    // Both cards synced; then every C_GetTokenInfo fails with CKR_DEVICE_ERROR for a while.
-    const std::string rules = data.file("rules");
-    nebratest::writeFile(rules, "");
-    std::remove(counts.c_str());
-    start("--module " + fault +
-              " --csp Prov --pin-env PIN --any-token --interval 0.1 "
-              "--on-removal remove --verbose",
-          "NEBRA_FAULT_FILE=" + rules + " NEBRA_FAULT_COUNTS=" + counts);
-    const Lines both{"CKAIDHEX:01 cardA+", "CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardA+",
-                     "CKAIDHEX:02 cardB+"};
-    EXPECT_TRUE(waitFor([&] { return stored() == both; })) << watched();
-    nebratest::writeFile(rules, "C_GetTokenInfo=0x30");
-    EXPECT_TRUE(waitFor([&] {
-        return count(nebratest::readFile(data.file("watch.out")), "(CKR_DEVICE_ERROR)") >= 4;
-    })) << watched();
-    nebratest::writeFile(rules, "");
-    std::size_t seen = polls();
-    EXPECT_TRUE(waitFor([&] { return polls() >= seen + 3; })) << watched();
-    EXPECT_EQ(stop(), 0);
-    text = nebratest::readFile(data.file("watch.out"));
-    EXPECT_EQ(count(text, "removed "), 0u) << text;
-    EXPECT_EQ(count(text, "inserted "), 2u) << text;
-    EXPECT_EQ(loginsIn(counts), 2);
-    EXPECT_EQ(stored(), both);
-
-    // A PIN pad nobody types on.
-    start("--module 'pkcs11:token=cardB?module-path=" + fault + "' --csp Prov --interval 0.1",
-          "NEBRA_FAULT=PINPAD=wait");
-    EXPECT_TRUE(waitFor([&] {
-        return contains(nebratest::readFile(data.file("watch.err")), "on the reader's keypad");
-    })) << watched();
-    EXPECT_EQ(stop(), 0) << watched();
-    EXPECT_TRUE(
-        contains(nebratest::readFile(data.file("watch.err")), "the PIN-pad login was abandoned"));
 }
 
 }  // namespace
+}  // namespace tokentest

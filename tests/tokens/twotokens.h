@@ -1,0 +1,113 @@
+// Two SoftHSM2 tokens whose certificates use the same key identifiers, a private store database,
+// and the nebra tool run as a user runs it.
+#pragma once
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+
+#include "certgen.h"
+#include "platform/certstore.h"
+#include "storetest.h"
+#include "support/softhsm.h"
+
+namespace tokentest {
+
+using nebratest::contains;
+using pkcs11::certstoreupdater::CertStoreHelper;
+
+using Lines = std::vector<std::string>;
+
+struct Outcome {
+    int status;
+    std::string out, err;
+};
+
+inline std::size_t count(const std::string& text, const std::string& what) {
+    std::size_t n = 0;
+    for (auto p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) ++n;
+    return n;
+}
+
+// The C_Login calls the fault module counted in its NEBRA_FAULT_COUNTS file, over every load.
+inline int loginsIn(const std::string& countsFile) {
+    std::string text = nebratest::readFile(countsFile);
+    int n = 0;
+    for (std::size_t p = text.find("C_Login "); p != std::string::npos;
+         p = text.find("C_Login ", p + 1))
+        n += std::atoi(text.c_str() + p + 8);
+    return n;
+}
+
+class TwoTokens : public ::testing::Test {
+protected:
+    void SetUp() override {
+        der = storetest::generateCertificates(7);  // der[0..1] on cardA, der[2..3] on cardB
+        const char* labels[] = {"cardA", "cardB"};
+        for (int t = 0; t < 2; ++t) {
+            hsm.initToken(labels[t], "1234");
+            nebratest::TokenWriter w(nebratest::SoftHsm::module(), labels[t], "1234");
+            for (int i = 0; i < 2; ++i) {
+                std::string id(1, static_cast<char>(i + 1));
+                w.addCertificate(der[2 * t + i], id, std::string(labels[t]) + " user" + "12"[i]);
+                w.addKeyPair(id);
+            }
+        }
+    }
+    // Runs build/bin/nebra with `args` (shell words, after environment assignments if any).
+    Outcome nebra(std::string args) {
+        std::size_t at = 0;  // after the environment assignments in front
+        while (args.find('=', at) < args.find(' ', at)) at = args.find(' ', at) + 1;
+        // Bounded, so that a command that never ends fails the test instead of hanging it.
+        args.insert(at, "timeout -s KILL 120 " + std::string(NEBRA_BINARY_DIR) + "/bin/nebra ");
+        std::string out = data.file("out"), err = data.file("err");
+        int status = nebratest::sh(args + " >'" + out + "' 2>'" + err + "'");
+        return {status, nebratest::readFile(out), nebratest::readFile(err)};
+    }
+    // The token URI for `label` through SoftHSM2 (module-path).
+    static std::string uri(const std::string& label) {
+        return "'pkcs11:token=" + label + "?module-path=" + nebratest::SoftHsm::module() + "'";
+    }
+    // Certificates of the provider "Prov" in a store: "container label-of-token(s)" lines ("-":
+    // no token recorded, "?": a token record that does not decode).
+    Lines stored(const wchar_t* store = L"MY") {
+        Lines lines;
+        for (const auto& tc : CertStoreHelper(store).listTokenCertificates(L"Prov")) {
+            std::string line = nebratest::u8(tc.container) + " ";
+            for (const auto& t : tc.tokens) line += nebratest::u8(t.label) + "+";
+            lines.push_back(tc.unreadable ? line + "?" : tc.tokens.empty() ? line + "-" : line);
+        }
+        std::sort(lines.begin(), lines.end());
+        return lines;
+    }
+    // Starts 'nebra watch ARGS' (after environment assignments `env`) with stdout and stderr to
+    // files.
+    void start(const std::string& args, const std::string& env = "") {
+        watch_ = std::make_unique<nebratest::Process>(
+            "env " + env + " " + std::string(NEBRA_BINARY_DIR) + "/bin/nebra watch " + args +
+            " >'" + data.file("watch.out") + "' 2>'" + data.file("watch.err") + "'");
+    }
+    int stop() { return watch_->stop(); }  // SIGTERM; the exit status (-1: killed)
+    std::string watched() {
+        return nebratest::readFile(data.file("watch.out")) + "\n--- stderr:\n" +
+               nebratest::readFile(data.file("watch.err"));
+    }
+
+    nebratest::SoftHsm hsm;
+    nebratest::TempDir data;
+    nebratest::ScopedEnv xdg{"XDG_DATA_HOME", data.path().c_str()}, pin{"PIN", "1234"},
+        badPin{"BADPIN", "0000"};
+    std::vector<buffer::Buffer<unsigned char>> der;
+    std::unique_ptr<nebratest::Process> watch_;
+};
+
+// The directory of the SoftHSM2 token labelled `label`.
+inline std::string tokenDir(const nebratest::SoftHsm& hsm, const std::string& label) {
+    nebratest::TempDir tmp;
+    nebratest::sh("grep -l '" + label + "' '" + hsm.dir() + "'/tokens/*/token.object | " +
+                  "xargs -n1 dirname > '" + tmp.file("dir") + "'");
+    std::string dir = nebratest::readFile(tmp.file("dir"));
+    return dir.substr(0, dir.find('\n'));
+}
+
+}  // namespace tokentest

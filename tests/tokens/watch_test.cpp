@@ -1,0 +1,101 @@
+// nebra watch runs as a process while token directories move into and out of SoftHSM2's token
+// directory (a rename is atomic), and is stopped with SIGTERM.
+#include <cstdio>
+
+#include "twotokens.h"
+
+namespace tokentest {
+namespace {
+
+using nebratest::waitFor;
+
+TEST_F(TwoTokens, WatchSyncsTokensMovedInAndReleasesOnlyTheRemovedOnesCertificates) {
+    const std::string cardB = tokenDir(hsm, "cardB"), parked = data.file("cardB");
+    ASSERT_FALSE(cardB.empty());
+    ASSERT_EQ(rename(cardB.c_str(), parked.c_str()), 0);
+    start("--module " + nebratest::SoftHsm::module() +
+          " --csp Prov --pin-env PIN --any-token --interval 0.2 --on-removal remove");
+    const Lines onlyA{"CKAIDHEX:01 cardA+", "CKAIDHEX:02 cardA+"};
+    EXPECT_TRUE(waitFor([&] { return stored() == onlyA; })) << watched();
+    ASSERT_EQ(rename(parked.c_str(), cardB.c_str()), 0);  // inserted
+    EXPECT_TRUE(waitFor([&] {
+        return stored() == Lines{"CKAIDHEX:01 cardA+", "CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardA+",
+                                 "CKAIDHEX:02 cardB+"};
+    })) << watched();
+    ASSERT_EQ(rename(cardB.c_str(), parked.c_str()), 0);  // removed: only its certificates go
+    EXPECT_TRUE(waitFor([&] { return stored() == onlyA; })) << watched();
+    EXPECT_EQ(stop(), 0);
+    const std::string text = nebratest::readFile(data.file("watch.out"));
+    for (const char* line :
+         {"inserted pkcs11:", "synced pkcs11:", "removed pkcs11:", "released pkcs11:"})
+        EXPECT_TRUE(contains(text, line));
+    EXPECT_EQ(count(text, ";token=cardB  MY: 0 added, 0 unchanged, 2 removed\n"), 1u) << text;
+    EXPECT_EQ(count(text, "\n"), 6u) << text;  // A and B inserted and synced; B removed, released
+}
+
+// What a card does to an unattended watch: a wrong PIN is sent once, whatever re-insertions
+// follow (three would lock a card); a device error is not a removal; a PIN-pad login that nobody
+// answers does not keep SIGTERM from ending it.
+TEST_F(TwoTokens, WatchNeverRetriesAPinOrTakesABlipForARemoval) {
+    const std::string cardA = tokenDir(hsm, "cardA"), parked = data.file("cardA");
+    const std::string fault = nebratest::SoftHsm::faultModule(), counts = data.file("counts");
+    start("--module 'pkcs11:token=cardA?module-path=" + fault +
+              "' --csp Prov --pin-env BADPIN --interval 0.1 --json --verbose",
+          "NEBRA_FAULT_COUNTS=" + counts);
+    auto polls = [&] { return count(nebratest::readFile(data.file("watch.err")), "poll: "); };
+    for (int insertion = 1; insertion <= 3; ++insertion) {
+        // Inserted and done with: each insertion ends in one error line (refused, or not sent).
+        EXPECT_TRUE(waitFor([&] {
+            return count(nebratest::readFile(data.file("watch.out")), "\"event\":\"error\"") ==
+                   static_cast<std::size_t>(insertion);
+        })) << watched();
+        ASSERT_EQ(rename(cardA.c_str(), parked.c_str()), 0);
+        std::size_t seen = polls();
+        EXPECT_TRUE(waitFor([&] { return polls() >= seen + 2; })) << watched();
+        ASSERT_EQ(rename(parked.c_str(), cardA.c_str()), 0);
+    }
+    EXPECT_EQ(stop(), 0);
+    std::string text = nebratest::readFile(data.file("watch.out"));
+    EXPECT_EQ(count(text, "(CKR_PIN_INCORRECT)"), 1u) << text;
+    EXPECT_EQ(count(text, "refused the PIN before; it is not sent again"), 2u) << text;
+    EXPECT_EQ(loginsIn(counts), 1);
+    EXPECT_TRUE(stored().empty());
+
+    // Both cards synced; then every C_GetTokenInfo fails with CKR_DEVICE_ERROR for a while.
+    const std::string rules = data.file("rules");
+    nebratest::writeFile(rules, "");
+    std::remove(counts.c_str());
+    start("--module " + fault +
+              " --csp Prov --pin-env PIN --any-token --interval 0.1 "
+              "--on-removal remove --verbose",
+          "NEBRA_FAULT_FILE=" + rules + " NEBRA_FAULT_COUNTS=" + counts);
+    const Lines both{"CKAIDHEX:01 cardA+", "CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardA+",
+                     "CKAIDHEX:02 cardB+"};
+    EXPECT_TRUE(waitFor([&] { return stored() == both; })) << watched();
+    nebratest::writeFile(rules, "C_GetTokenInfo=0x30");
+    EXPECT_TRUE(waitFor([&] {
+        return count(nebratest::readFile(data.file("watch.out")), "(CKR_DEVICE_ERROR)") >= 4;
+    })) << watched();
+    nebratest::writeFile(rules, "");
+    std::size_t seen = polls();
+    EXPECT_TRUE(waitFor([&] { return polls() >= seen + 3; })) << watched();
+    EXPECT_EQ(stop(), 0);
+    text = nebratest::readFile(data.file("watch.out"));
+    EXPECT_EQ(count(text, "removed "), 0u) << text;
+    EXPECT_EQ(count(text, "inserted "), 2u) << text;
+    EXPECT_EQ(loginsIn(counts), 2);
+    EXPECT_EQ(stored(), both);
+
+    // A PIN pad nobody types on.
+    start("--module 'pkcs11:token=cardB?module-path=" + fault + "' --csp Prov --interval 0.1",
+          "NEBRA_FAULT=PINPAD=wait");
+    EXPECT_TRUE(waitFor([&] {
+        return contains(nebratest::readFile(data.file("watch.err")), "on the reader's keypad");
+    })) << watched();
+    EXPECT_EQ(stop(), 0) << watched();
+    EXPECT_TRUE(
+        contains(nebratest::readFile(data.file("watch.err")), "the PIN-pad login was abandoned"));
+}
+
+}  // namespace
+}  // namespace tokentest
