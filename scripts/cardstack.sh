@@ -156,6 +156,8 @@ start_pcscd() {
   echo "$port" >"$dir/port"
   local pid=$!
   for _ in $(seq 200); do
+    # vpcd that could not listen (a port taken meanwhile) leaves pcscd running without the reader.
+    grep -q "init failed" "$dir/pcscd.log" && break
     if [ -S "$dir/run/pcscd.comm" ] && port_state "$port" 0A && port_state $((port + 1)) 0A; then
       return 0
     fi
@@ -248,7 +250,8 @@ case $cmd in
   insert|remove)
     if [ $# -ne 1 ] || [[ ! $1 =~ ^[12]$ ]]; then usage; fi
     need
-    [ -e "$dir/port" ] || die "no stack in $dir (start it first)"
+    alive "$(cat "$dir/pcscd.pid" 2>/dev/null || true)" "$dir/reader.conf" ||
+      die "no stack runs in $dir (start it first)"
     $cmd "$1" ;;
   stop) stop ;;
   env) echo "export PCSCLITE_CSOCK_NAME=$dir/run/pcscd.comm" ;;
