@@ -176,14 +176,13 @@ insert() {
   rm -f "$dir/card$r/ready"
   local nicks
   read -r -a nicks <"$dir/card$r/nicknames"
-  # shellcheck disable=SC2086
   setsid "$BRIDGE" --port "$port" --counters "$dir/card$r/counters" --resume \
     --ready "$dir/card$r/ready" "$dir/card$r/nssdb" "${nicks[@]}" \
     </dev/null >>"$dir/card$r/bridge.log" 2>&1 &
   echo $! >"$dir/card$r/bridge.pid"
   local pid=$!
   # Ready once pcscd has powered the card on and read its ATR: PC/SC clients see it from then on.
-  for _ in $(seq 200); do
+  for _ in $(seq 500); do
     [ -e "$dir/card$r/ready" ] && return 0
     alive "$pid" "$dir/card$r/" || break
     sleep 0.02
