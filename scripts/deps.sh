@@ -4,8 +4,9 @@
 #   deps.sh demo   the native build and the demo: compiler, CMake, OpenSSL, SQLite, p11-kit,
 #                  SoftHSM2, OpenSC's pkcs11-tool, Boost.Filesystem
 #   deps.sh        everything: the above, and GoogleTest, Google Benchmark, clang for fuzzing, the
-#                  mingw-w64 cross toolchain, Wine (and what building its crypt32 needs), and the
-#                  tools the tests and packages use
+#                  mingw-w64 cross toolchain, Wine (and what building its crypt32 needs), the
+#                  emulated smart-card stack (scripts/cardstack.sh), and the tools the tests and
+#                  packages use
 set -euo pipefail
 
 DEMO_PACKAGES=(
@@ -19,6 +20,7 @@ TEST_PACKAGES=(
   ca-certificates sqlite3 p11-kit gnutls-bin libboost-dev
   g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64
   attr osslsigncode python3 bc
+  pcscd vsmartcard-vpcd libcacard-dev libnss3-tools
   dpkg-dev file xz-utils patch perl autoconf flex bison groff-base lintian
 )
 APT_OPTIONS=()
