@@ -1,6 +1,8 @@
 // Loading Cryptoki modules: dlopen / LoadLibraryA, C_GetFunctionList, C_Initialize. The path is
 // handed to the loader exactly as the caller gave it (on Windows, ANSI code page text).
 #include <cstring>
+#include <mutex>
+#include <set>
 
 #include "nebralib/buffer/codecs.h"
 #include "nebralib/pkcs11/client.h"
@@ -84,6 +86,13 @@ void closeModule(void* handle) {
 }
 #endif
 
+// The modules this registry initialised with the OS's locking (under gForThreadsMutex).
+std::set<const CK_FUNCTION_LIST*>& forThreads() {
+    static std::set<const CK_FUNCTION_LIST*> modules;
+    return modules;
+}
+std::mutex gForThreadsMutex;
+
 }  // namespace
 
 void raiseCryptokiError(CK_RV rv, const wchar_t* file, int line) {
@@ -128,8 +137,16 @@ CkLibrary Libraries::load(const std::string& path) {
             raiseCryptokiError(rv == CKR_OK ? CKR_GENERAL_ERROR : rv, sites::kGetFunctionList.file,
                                sites::kGetFunctionList.line);
         }
-        // Modules are used from one thread at a time; no locking callbacks are needed.
-        rv = module->functions->C_Initialize(nullptr);
+        // The OS's own locking, so that one thread may block in C_WaitForSlotEvent while another
+        // uses the module; a module that cannot lock is initialised for one thread.
+        CK_C_INITIALIZE_ARGS threads{};
+        threads.flags = CKF_OS_LOCKING_OK;
+        rv = module->functions->C_Initialize(&threads);
+        if (rv == CKR_CANT_LOCK) rv = module->functions->C_Initialize(nullptr);
+        if (rv == CKR_OK) {
+            std::lock_guard<std::mutex> forThreadsLock(gForThreadsMutex);
+            forThreads().insert(module->functions);
+        }
         if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
             closeModule(module->handle);
             modules_.erase(path);
@@ -154,6 +171,10 @@ void Libraries::unload(const CkLibrary& library) {
     modules_.erase(it);
     // A module the process initialised elsewhere is left initialised and loaded for its owner.
     if (module->initializedByUs) {
+        {
+            std::lock_guard<std::mutex> forThreadsLock(gForThreadsMutex);
+            forThreads().erase(module->functions);
+        }
         module->functions->C_Finalize(nullptr);
         closeModule(module->handle);
     }
@@ -163,6 +184,11 @@ int Libraries::loadCount(const std::string& path) const {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = modules_.find(path);
     return it == modules_.end() ? 0 : it->second->loads;
+}
+
+bool initializedForThreads(const CkLibrary& library) {
+    std::lock_guard<std::mutex> lock(gForThreadsMutex);
+    return forThreads().count(library.functions()) != 0;
 }
 
 }  // namespace pkcs11

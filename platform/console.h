@@ -21,10 +21,12 @@ NEBRALIB_EXPORT bool narrowPath(const std::string& utf8, std::string& out);
 // Whether standard error is a terminal (for progress lines).
 NEBRALIB_EXPORT bool stderrIsTerminal();
 
-// Calls `stop` (which must be async-signal-safe: set a flag) when the user asks the program to
-// end: SIGINT or SIGTERM; on Windows Ctrl-C, Ctrl-Break, closing the console window, logoff or
-// shutdown. For a closed console Windows ends the process soon after the handler returns, so the
-// handler waits up to four seconds for the program to finish on its own.
+// Calls `stop` when the user asks the program to end: SIGINT or SIGTERM; on Windows Ctrl-C,
+// Ctrl-Break, closing the console window, logoff or shutdown. `stop` runs on a thread of its own,
+// never in a signal handler, so it may take locks. Call it before starting threads: on POSIX
+// systems the signals are blocked in the calling thread and those it starts later. For a closed
+// console Windows ends the process soon after the handler returns, so the handler waits up to four
+// seconds for the program to finish on its own.
 NEBRALIB_EXPORT void onStopRequest(void (*stop)());
 
 // Why a file that holds a secret (a PIN) must not be read, or "" when it may: it must be a regular

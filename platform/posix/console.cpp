@@ -4,7 +4,10 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <pthread.h>
+
 #include <csignal>
+#include <thread>
 
 #include <cstdio>
 #include <iostream>
@@ -44,20 +47,18 @@ bool stderrIsTerminal() {
     return isatty(STDERR_FILENO) != 0;
 }
 
-namespace {
-void (*gStop)() = nullptr;
-extern "C" void onStopSignal(int) {
-    if (gStop) gStop();
-}
-}  // namespace
-
 void onStopRequest(void (*stop)()) {
-    gStop = stop;
-    struct sigaction sa {};
-    sa.sa_handler = onStopSignal;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
+    // SIGINT and SIGTERM are blocked in this thread (and so in the threads it starts later) and
+    // taken by sigwait on a thread of their own, where `stop` may take locks and wake sleepers.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::thread([signals, stop] {
+        for (int signal = 0;;)
+            if (sigwait(&signals, &signal) == 0) stop();
+    }).detach();
 }
 
 std::string secretFileProblem(const std::string& path) {

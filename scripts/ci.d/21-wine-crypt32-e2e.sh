@@ -103,7 +103,7 @@ scenario() {
   park cardB
   unpark cardA
   (spawn nebra watch --module "$MODULE" --csp "E2E CSP" "${GROUPS_ARGS[@]}" --pin-env E2E_PIN \
-    --any-token --interval 0.5 --on-removal remove >"$OUT/12-watch" 2>"$OUT/watch.err") &
+    --any-token --interval 0.5 --on-removal remove --reload >"$OUT/12-watch" 2>"$OUT/watch.err") &
   watcher=$!
   waitfor 2  # A inserted and synced
   lists >"$OUT/12-list-a"

@@ -18,6 +18,9 @@
 //                       "LABEL=TEXT": every token reports this serial number or label (blank when
 //                       empty), as identical cards of one kind can (PIN "wait": the keypad never
 //                       answers, C_Login blocks)
+//                       "C_WaitForSlotEvent=block" (a blocking wait returns only when the module
+//                       is finalised; CKF_DONT_BLOCK gets CKR_NO_EVENT), "=hang" (a blocking wait
+//                       never returns, not even then), "=always" (every call reports an event)
 //   NEBRA_FAULT_FILE    file whose text replaces the rules whenever it changes (counts are kept),
 //                       for faults that come and go while a program runs
 //   NEBRA_FAULT_COUNTS  file that "C_Name count" lines are appended to when the module is
@@ -31,6 +34,7 @@
 #define NEBRA_FAULT_EXPORT __attribute__((visibility("default")))
 #endif
 
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -49,9 +53,12 @@ struct Rule {
     bool noSlots = false;  // C_GetSlotList reports no slot at all (no reader)
     CK_ULONG batch = 0;    // C_FindObjects: at most this many handles per call (0: as asked)
     bool loop = false;     // C_FindObjects: the first handle, again and again
+    std::string wait;      // C_WaitForSlotEvent: "block", "hang" or "always"
 };
 
 std::mutex gMutex;
+std::condition_variable gFinalizing;  // wakes blocking waits when the module is finalised
+bool gInitialized = false;
 std::map<std::string, Rule> gRules;
 std::map<std::string, long> gCounts;
 std::string gPinPad;                            // the PIN the "keypad" enters; empty: no PIN pad
@@ -92,6 +99,8 @@ void parseRules(const char* rules) {
         if (value == "empty" || value == "none") {
             r.emptySlots = true;
             r.noSlots = value == "none";
+        } else if (value == "block" || value == "hang" || value == "always") {
+            r.wait = value;
         } else if (value == "loop") {
             r.loop = true;
         } else if (value.compare(0, 6, "batch:") == 0) {
@@ -152,11 +161,21 @@ void writeCounts() {
 
 CK_RV wInitialize(CK_VOID_PTR a) {
     if (CK_RV rv = fault("C_Initialize")) return rv;
-    return gTarget->C_Initialize(a);
+    CK_RV rv = gTarget->C_Initialize(a);
+    std::lock_guard<std::mutex> lock(gMutex);
+    gInitialized = rv == CKR_OK || gInitialized;
+    return rv;
 }
 CK_RV wFinalize(CK_VOID_PTR a) {
     CK_RV rv = fault("C_Finalize");
-    writeCounts();
+    bool wasInitialized;
+    {
+        std::lock_guard<std::mutex> lock(gMutex);
+        wasInitialized = gInitialized;
+        gInitialized = false;
+        gFinalizing.notify_all();
+    }
+    if (wasInitialized) writeCounts();  // once per load, however often it is finalised
     if (rv) return rv;
     return gTarget->C_Finalize(a);
 }
@@ -253,6 +272,24 @@ CK_RV wGetAttributeValue(CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o, CK_ATTRIBUTE_P
     return gTarget->C_GetAttributeValue(s, o, t, n);
 }
 
+CK_RV wWaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot, CK_VOID_PTR reserved) {
+    if (CK_RV rv = fault("C_WaitForSlotEvent")) return rv;
+    std::unique_lock<std::mutex> lock(gMutex);
+    auto it = gRules.find("C_WaitForSlotEvent");
+    const std::string mode = it == gRules.end() ? "" : it->second.wait;
+    if (mode == "always") {
+        *slot = 0;
+        return CKR_OK;
+    }
+    if (mode.empty()) {
+        lock.unlock();
+        return gTarget->C_WaitForSlotEvent(flags, slot, reserved);
+    }
+    if (flags & CKF_DONT_BLOCK) return CKR_NO_EVENT;
+    gFinalizing.wait(lock, [&] { return mode == "block" && !gInitialized; });
+    return CKR_CRYPTOKI_NOT_INITIALIZED;
+}
+
 // The real module's C_GetFunctionList, or null.
 CK_C_GetFunctionList loadTarget(const char* path) {
 #ifdef _WIN32
@@ -292,6 +329,7 @@ NEBRA_FAULT_EXPORT CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR out) {
         gList.C_FindObjects = wFindObjects;
         gList.C_FindObjectsFinal = wFindObjectsFinal;
         gList.C_GetAttributeValue = wGetAttributeValue;
+        gList.C_WaitForSlotEvent = wWaitForSlotEvent;
         parseRules(std::getenv("NEBRA_FAULT"));
     }
     *out = &gList;

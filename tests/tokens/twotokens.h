@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
@@ -83,6 +84,8 @@ protected:
     // Starts 'nebra watch ARGS' (after environment assignments `env`) with stdout and stderr to
     // files.
     void start(const std::string& args, const std::string& env = "") {
+        std::remove(data.file("watch.out").c_str());  // what an earlier watch wrote
+        std::remove(data.file("watch.err").c_str());
         watch_ = std::make_unique<nebratest::Process>(
             "env " + env + " " + std::string(NEBRA_BINARY_DIR) + "/bin/nebra watch " + args +
             " >'" + data.file("watch.out") + "' 2>'" + data.file("watch.err") + "'");

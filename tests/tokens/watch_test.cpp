@@ -14,7 +14,7 @@ TEST_F(TwoTokens, WatchSyncsTokensMovedInAndReleasesOnlyTheRemovedOnesCertificat
     ASSERT_FALSE(cardB.empty());
     ASSERT_EQ(rename(cardB.c_str(), parked.c_str()), 0);
     start("--module " + nebratest::SoftHsm::module() +
-          " --csp Prov --pin-env PIN --any-token --interval 0.2 --on-removal remove");
+          " --csp Prov --pin-env PIN --any-token --interval 0.2 --on-removal remove --reload");
     const Lines onlyA{"CKAIDHEX:01 cardA+", "CKAIDHEX:02 cardA+"};
     EXPECT_TRUE(waitFor([&] { return stored() == onlyA; })) << watched();
     ASSERT_EQ(rename(parked.c_str(), cardB.c_str()), 0);  // inserted
@@ -40,7 +40,7 @@ TEST_F(TwoTokens, WatchNeverRetriesAPinOrTakesABlipForARemoval) {
     const std::string cardA = tokenDir(hsm, "cardA"), parked = data.file("cardA");
     const std::string fault = nebratest::SoftHsm::faultModule(), counts = data.file("counts");
     start("--module 'pkcs11:token=cardA?module-path=" + fault +
-              "' --csp Prov --pin-env BADPIN --interval 0.1 --json --verbose",
+              "' --csp Prov --pin-env BADPIN --interval 0.1 --json --verbose --reload",
           "NEBRA_FAULT_COUNTS=" + counts);
     auto polls = [&] { return count(nebratest::readFile(data.file("watch.err")), "poll: "); };
     for (int insertion = 1; insertion <= 3; ++insertion) {
@@ -67,7 +67,7 @@ TEST_F(TwoTokens, WatchNeverRetriesAPinOrTakesABlipForARemoval) {
     std::remove(counts.c_str());
     start("--module " + fault +
               " --csp Prov --pin-env PIN --any-token --interval 0.1 "
-              "--on-removal remove --verbose",
+              "--on-removal remove --verbose --reload",
           "NEBRA_FAULT_FILE=" + rules + " NEBRA_FAULT_COUNTS=" + counts);
     const Lines both{"CKAIDHEX:01 cardA+", "CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardA+",
                      "CKAIDHEX:02 cardB+"};
@@ -87,7 +87,8 @@ TEST_F(TwoTokens, WatchNeverRetriesAPinOrTakesABlipForARemoval) {
     EXPECT_EQ(stored(), both);
 
     // A PIN pad nobody types on.
-    start("--module 'pkcs11:token=cardB?module-path=" + fault + "' --csp Prov --interval 0.1",
+    start("--module 'pkcs11:token=cardB?module-path=" + fault +
+              "' --csp Prov --interval 0.1 --reload",
           "NEBRA_FAULT=PINPAD=wait");
     EXPECT_TRUE(waitFor([&] {
         return contains(nebratest::readFile(data.file("watch.err")), "on the reader's keypad");
@@ -95,6 +96,58 @@ TEST_F(TwoTokens, WatchNeverRetriesAPinOrTakesABlipForARemoval) {
     EXPECT_EQ(stop(), 0) << watched();
     EXPECT_TRUE(
         contains(nebratest::readFile(data.file("watch.err")), "the PIN-pad login was abandoned"));
+}
+
+// Kept loaded (the default), the module is asked for a slot's token only when its slot list
+// changes; no way of reporting slot events keeps the watch busy or running past SIGTERM: none (as
+// SoftHSM2), never an event, a wait that only returns at C_Finalize, one that never returns, an
+// event on every call.
+TEST_F(TwoTokens, WatchKeepsTheModuleLoadedWhateverItsSlotEventsDo) {
+    const std::string fault = nebratest::SoftHsm::faultModule(), counts = data.file("counts"),
+                      rules = data.file("rules");
+    auto polls = [&] { return count(nebratest::readFile(data.file("watch.err")), "poll: "); };
+    auto calls = [&](const std::string& name) {  // as counted up to the module's finalisation
+        std::string text = nebratest::readFile(counts);
+        std::size_t at = text.find(name + " ");
+        return at == std::string::npos ? 0L : std::atol(text.c_str() + at + name.size() + 1);
+    };
+    const struct {
+        std::string events, stopped;  // fault rules; how the watch says it stopped
+    } modules[] = {
+        {"", "nebra: stopped watching\n"},
+        {"C_WaitForSlotEvent=0x8", "nebra: stopped watching\n"},
+        {"C_WaitForSlotEvent=block", "nebra: stopped watching\n"},
+        {"C_WaitForSlotEvent=hang", "did not return from C_WaitForSlotEvent"},
+        {"C_WaitForSlotEvent=always", "nebra: stopped watching\n"},
+    };
+    auto out = [&](const char* what) {
+        return count(nebratest::readFile(data.file("watch.out")), what);
+    };
+    for (const auto& module : modules) {
+        SCOPED_TRACE(module.events);
+        nebratest::writeFile(rules, module.events);
+        std::remove(counts.c_str());
+        start(
+            "--module " + fault + " --csp Prov --pin-env PIN --any-token --interval 0.05 --verbose",
+            "NEBRA_FAULT_FILE=" + rules + " NEBRA_FAULT_COUNTS=" + counts);
+        EXPECT_TRUE(waitFor([&] { return out("synced ") == 2; })) << watched();
+        // Both tokens leave the slot list and come back: seen without a reload.
+        nebratest::writeFile(rules, module.events + ",C_GetSlotList=empty");
+        EXPECT_TRUE(waitFor([&] { return out("removed ") == 2; })) << watched();
+        nebratest::writeFile(rules, module.events);
+        EXPECT_TRUE(waitFor([&] { return out("synced ") == 4; })) << watched();
+        std::size_t seen = polls();
+        EXPECT_TRUE(waitFor([&] { return polls() >= seen + 40; })) << watched();
+        EXPECT_EQ(stop(), 0) << watched();
+        EXPECT_TRUE(contains(nebratest::readFile(data.file("watch.err")), module.stopped));
+        EXPECT_EQ(calls("C_Initialize"), 1);
+        // Asked when the slots appear and by each sync, not at every look (3 slots: 2 tokens and
+        // SoftHSM2's blank one).
+        EXPECT_LE(calls("C_GetTokenInfo"), 30) << nebratest::readFile(counts);
+        EXPECT_LE(calls("C_WaitForSlotEvent"), 16 * static_cast<long>(polls()) + 8);
+    }
+    EXPECT_EQ(stored(), (Lines{"CKAIDHEX:01 cardA+", "CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardA+",
+                               "CKAIDHEX:02 cardB+"}));
 }
 
 }  // namespace

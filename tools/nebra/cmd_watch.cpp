@@ -1,18 +1,21 @@
 // nebra watch: keeps the stores in step with the tokens as they come and go, until SIGINT or
 // SIGTERM.
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <set>
 #include <sstream>
-#include <thread>
 
 #include "platform/console.h"
 #include "tools/nebra/messages.h"
+#include "tools/nebra/slot_events.h"
 #include "tools/nebra/syncer.h"
 #include "tools/nebra/token_common.h"
 
@@ -26,7 +29,7 @@ using pkcs11::certstoreupdater::TokenIdentity;
 const char* kUsage =
     "usage: nebra watch --module PATH_OR_NAME_OR_URI --csp NAME [--store MY] [--roots STORE]\n"
     "                   [--cas STORE] [--others STORE] [--prune] [--interval SECONDS]\n"
-    "                   [--on-removal keep|remove] [--json] [--verbose] [--slot-events]\n"
+    "                   [--on-removal keep|remove] [--json] [--verbose] [--reload]\n"
     "                   [--pin-env VAR | --pin-file FILE] [--any-token] [--no-pin-pad]\n"
     "\n"
     "Runs until SIGINT or SIGTERM, or on Windows until Ctrl-C or the console closes (then exits "
@@ -34,9 +37,11 @@ const char* kUsage =
     "also while a PIN-pad login waits). When a token appears (any token of the module,\n"
     "or those a PKCS#11 URI chooses), logs in and syncs it as 'nebra sync' does. When it goes\n"
     "and --on-removal remove is given, takes its certificates out of the stores it was synced\n"
-    "to (certificates another token also has stay). The module is unloaded and loaded again each\n"
-    "interval, which is how modules without slot events (SoftHSM2) notice tokens that came or\n"
-    "went; with --slot-events a module that reports them stays loaded instead.\n"
+    "to (certificates another token also has stay). The module stays loaded: tokens are seen\n"
+    "as they come and go in its slot list, which is read each interval, and at once where the\n"
+    "module reports slot events (C_WaitForSlotEvent, as smart-card modules do). The token\n"
+    "information is only read for slots that changed. A module that only sees new tokens when\n"
+    "it is loaded (SoftHSM2) needs --reload.\n"
     "\n"
     "One line per event on stdout: inserted, synced, removed, released, error (--json: one JSON\n"
     "object per line). The PIN comes from --pin-env, --pin-file or the URI's pin-source, and\n"
@@ -45,20 +50,25 @@ const char* kUsage =
     "again, whatever insertions follow; no PIN is sent to a token that reports its PIN locked or\n"
     "one try left. A token with a PIN pad is logged in on its keypad. A token is taken as\n"
     "removed only when the module says so (no token present, device removed, slot gone); any\n"
-    "other error is reported and the token looked at again at the next interval.\n"
+    "other error is reported and the token looked at again at the next interval. When the slot\n"
+    "list cannot be read (the smart-card service stopped), the module is loaded again at the\n"
+    "next interval.\n"
     "\n"
     "  --interval SECONDS     how often to look, 0.05 to 86400 (default 2)\n"
     "  --any-token            send the PIN to every token that appears, not only to those a\n"
     "                         URI naming the token chooses\n"
     "  --on-removal keep|remove  what to do with a removed token's certificates (default keep)\n"
-    "  --slot-events          keep the module loaded and trust its slot list and slot events\n"
-    "                         (C_WaitForSlotEvent) rather than reloading it each interval\n"
-    "  --verbose              log each poll, token, certificate and binding on stderr\n"
-    "  (the other options as for 'nebra sync')\n";
+    "  --reload               unload and load the module each interval, for modules that only\n"
+    "                         see tokens come and go when initialised again (SoftHSM2)\n"
+    "  --verbose              log each look, token, certificate and binding on stderr\n"
+    "  (the other options as for 'nebra sync'; --slot-events, once needed for what is now the\n"
+    "  default, is still accepted)\n";
 
 volatile std::sig_atomic_t gStop = 0;
+Alarm gAlarm;
 void onStop() {
     gStop = 1;
+    gAlarm.stop();
 }
 
 // The module's answer for a slot that has no token (any more).
@@ -148,56 +158,72 @@ struct Watcher {
         }
     }
 
-    // One look at the module's tokens; syncs the new, releases the gone. A slot whose token
-    // cannot be asked for another reason than its removal keeps the token it had.
-    void poll(const pkcs11::CkLibrary& lib) {
+    // One look at the module's tokens; syncs the new, releases the gone; true when a token came
+    // or went. Only the slots that are new, named by a slot event, or everything after a `fresh`
+    // load are asked for their token; the others show what they showed. A slot whose token cannot
+    // be asked for another reason than its removal keeps the token it had.
+    bool poll(const pkcs11::CkLibrary& lib, bool fresh, const std::set<CK_SLOT_ID>& changed) {
         std::map<std::string, TokenIdentity> now;
-        std::map<CK_SLOT_ID, std::string> slots;
+        std::map<CK_SLOT_ID, std::string> slots;  // "": no token of ours (blank, or not chosen)
         std::map<std::string, int> seen;
         pkcs11::CkSlots list(lib, true);
         for (const pkcs11::CkSlot& slot : list.entries()) {
-            try {
-                pkcs11::CkTokenInfo info = pkcs11::CkToken(slot).info();
-                // A blank token (SoftHSM2 always offers one) has nothing to sync.
-                if (!(info.flags & CKF_TOKEN_INITIALIZED)) continue;
-                TokenIdentity id = TokenIdentity::of(info);
-                if (choice.byUri && !choice.uri.matches(id)) continue;
-                if (++seen[id.uri()] > 1) ambiguous.insert(id.uri());
-                now.emplace(id.uri(), id);
-                slots[slot.id] = id.uri();
-            } catch (const orvo::GenericEvent& e) {
-                if (meansRemoved(e)) continue;  // taken out between listing and asking
-                auto was = slotOf.find(slot.id);
-                if (was != slotOf.end() && present.count(was->second)) {
-                    now.emplace(was->second, present.at(was->second));
-                    slots[slot.id] = was->second;
+            auto was = slotOf.find(slot.id);
+            const bool had = was != slotOf.end() && present.count(was->second);
+            TokenIdentity id;
+            bool ours = false;
+            if (!fresh && was != slotOf.end() && !changed.count(slot.id)) {
+                ours = had;
+                if (had) id = present.at(was->second);
+            } else {
+                try {
+                    pkcs11::CkTokenInfo info = pkcs11::CkToken(slot).info();
+                    // A blank token (SoftHSM2 always offers one) has nothing to sync.
+                    TokenIdentity asked = TokenIdentity::of(info);
+                    ours = (info.flags & CKF_TOKEN_INITIALIZED) &&
+                           (!choice.byUri || choice.uri.matches(asked));
+                    if (ours) id = asked;
+                } catch (const orvo::GenericEvent& e) {
+                    if (meansRemoved(e)) continue;  // taken out between listing and asking
+                    if (had) {
+                        now.emplace(was->second, present.at(was->second));
+                        slots[slot.id] = was->second;
+                    }
+                    emit("error", had ? present.at(was->second) : TokenIdentity{},
+                         failure(e) + " (looking again at the next interval)");
+                    continue;
                 }
-                emit("error",
-                     was != slotOf.end() && present.count(was->second) ? present.at(was->second)
-                                                                       : TokenIdentity{},
-                     failure(e) + " (looking again at the next interval)");
             }
+            const std::string uri = ours ? id.uri() : "";
+            slots[slot.id] = uri;
+            if (!ours) continue;
+            if (++seen[uri] > 1) ambiguous.insert(uri);
+            now.emplace(uri, id);
         }
+        bool cameOrWent = false;
         for (const auto& gone : present) {
             if (now.count(gone.first)) continue;
+            cameOrWent = true;
             emit("removed", gone.second, "");
             if (removeOnRemoval) release(gone.second);
         }
         for (const auto& t : now) {
             if (present.count(t.first)) continue;
+            cameOrWent = true;
             emit("inserted", t.second, "");
             if (options.verbose) *options.verbose << "token " << t.first << "\n";
             sync(t.second);
         }
         present.swap(now);
         slotOf.swap(slots);
+        return cameOrWent;
     }
 };
 
 int run(const Args& args) {
     args.allow({"module", "csp", "store", "roots", "cas", "others", "prune", "json", "pin-env",
                 "pin-file", "no-pin-pad", "verbose", "interval", "on-removal", "slot-events",
-                "any-token"});
+                "reload", "any-token"});
     Watcher w{args, chooseToken(args), {}, storeTargets(args), args.flag("json"), false, {}, {},
               {}};
     if (!args.has("csp") || args.get("csp").empty()) throw UsageError("--csp is required");
@@ -218,21 +244,37 @@ int run(const Args& args) {
             "send it to every token that appears");
 
     platform::console::onStopRequest(onStop);
-    // Modules that report slot events keep their slot list current while loaded; the others
-    // only see tokens come and go when they are initialised again. Which kind a module is
-    // cannot be asked (SoftHSM2 answers CKR_NO_EVENT and never reports one), so reloading is
-    // the default. Each reload finalises the module: the registry shares one instance per path
-    // and this loop holds the only load between polls.
     pkcs11::Libraries& registry = pkcs11::Libraries::instance();
-    const bool reload = !args.flag("slot-events");
-    pkcs11::CkLibrary held;
-    if (!reload) held = registry.load(w.choice.module);
-    CK_SLOT_ID slot = 0;
+    const bool reload = args.flag("reload");
+    const auto step = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(interval));
+    // How long a stop waits for a module to return from C_WaitForSlotEvent after C_Finalize.
+    const auto grace = std::min(std::chrono::duration_cast<std::chrono::milliseconds>(step),
+                                std::chrono::milliseconds(5000));
     std::cerr << "nebra: watching " << w.choice.module << " every " << interval << " s"
               << (reload ? " (reloading it each time)" : "") << "\n";
 
-    const auto step = std::chrono::milliseconds(50);
-    while (!gStop) {
+    // The module kept loaded between looks (unless --reload), and its slot-event thread.
+    pkcs11::CkLibrary held;
+    std::unique_ptr<SlotEventThread> events;
+    bool loaded = false, fresh = true, askEvents = true, hinted = false;
+    int idleEvents = 0;  // event wake-ups in a row that found nothing new
+    // Unloads the held module once its event thread is out of it; false when the thread does not
+    // come back from the module, which then stays loaded.
+    auto unloadHeld = [&] {
+        if (!loaded) return true;
+        if (events->running()) {
+            held.functions()->C_Finalize(nullptr);  // ends a blocking C_WaitForSlotEvent
+            if (!events->ended(grace)) return false;
+        }
+        events.reset();
+        registry.unload(held);
+        loaded = false;
+        return true;
+    };
+
+    for (Alarm::Woken woken = Alarm::Woken::Timeout; woken != Alarm::Woken::Stop;
+         woken = gAlarm.sleepUntil(std::chrono::steady_clock::now() + step)) {
         try {
             if (reload) {
                 pkcs11::CkLibrary lib = registry.load(w.choice.module);
@@ -241,14 +283,42 @@ int run(const Args& args) {
                     const pkcs11::CkLibrary& lib;
                     ~Unload() { r.unload(lib); }
                 } unload{registry, lib};
-                w.poll(lib);
+                w.poll(lib, true, {});
                 if (w.options.verbose && registry.loadCount(w.choice.module) != 1)
                     *w.options.verbose << "warning: the module is loaded more than once\n";
             } else {
-                while (held.functions()->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr) ==
-                       CKR_OK) {
+                if (!loaded) {
+                    held = registry.load(w.choice.module);
+                    loaded = fresh = askEvents = true;
+                    events.reset(new SlotEventThread(held, gAlarm));
                 }
-                w.poll(held);
+                std::set<CK_SLOT_ID> changed = events->takeSlots();
+                // Without a blocking wait, the events of the last interval, a bounded number so
+                // that a module that always has one cannot keep the loop busy.
+                for (int i = 0; !events->running() && askEvents && i < 16; ++i) {
+                    CK_SLOT_ID slot = 0;
+                    CK_RV rv = held.functions()->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr);
+                    askEvents = rv == CKR_OK || rv == CKR_NO_EVENT;
+                    if (rv != CKR_OK) break;
+                    changed.insert(slot);
+                }
+                const bool cameOrWent = w.poll(held, fresh, changed);
+                fresh = false;
+                // Events that never bring a change are noise: stop listening for them.
+                idleEvents = woken == Alarm::Woken::SlotEvent && !cameOrWent ? idleEvents + 1 : 0;
+                if (idleEvents == 5) {
+                    events->quit();
+                    if (w.options.verbose)
+                        *w.options.verbose << "the module's slot events bring no change; "
+                                              "looking each interval only\n";
+                }
+                events->resume();
+                if (!hinted && !fresh && !events->running() && !events->delivered()) {
+                    hinted = true;
+                    std::cerr << "nebra: the module does not wait for slot events; tokens are seen "
+                                 "as its slot list changes (a module that only sees new tokens "
+                                 "when loaded again, such as SoftHSM2, needs --reload)\n";
+                }
             }
             if (w.options.verbose)
                 *w.options.verbose << "poll: " << w.present.size() << " token(s) present\n";
@@ -257,12 +327,19 @@ int run(const Args& args) {
                               ? "{\"event\":\"error\",\"detail\":" + jsonString(w.failure(e)) + "}"
                               : "error " + w.failure(e))
                       << std::endl;
+            // A slot list that cannot be read (the smart-card service stopped or restarted)
+            // comes back with the module loaded again.
+            unloadHeld();
         }
-        auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(interval);
-        while (!gStop && std::chrono::steady_clock::now() < until)
-            std::this_thread::sleep_for(step);
     }
-    if (!reload) registry.unload(held);
+    if (!unloadHeld()) {
+        // Nothing can be unwound under a thread that stays in the module: the process ends here.
+        std::cerr << "nebra: stopped watching (the module did not return from "
+                     "C_WaitForSlotEvent)\n";
+        std::cerr.flush();
+        std::fflush(nullptr);
+        std::_Exit(0);
+    }
     std::cerr << "nebra: stopped watching\n";
     return 0;
 }

@@ -53,6 +53,11 @@ private:
     std::map<std::string, std::shared_ptr<Module>> modules_;
 };
 
+// Whether the module was initialised by the registry with the OS's locking, so that a thread may
+// block in C_WaitForSlotEvent while others use it (false for a module that cannot lock, or that
+// the process had initialised elsewhere).
+NEBRALIB_EXPORT bool initializedForThreads(const CkLibrary& library);
+
 struct CkSlot {
     CkLibrary library;
     CK_SLOT_ID id = 0;
