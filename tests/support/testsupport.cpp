@@ -178,6 +178,17 @@ int runProgram(const std::vector<std::string>& argv) {
 #endif
 }
 
+#ifndef _WIN32
+Outcome nebra(std::string args, const TempDir& dir) {
+    std::size_t at = 0;  // after the environment assignments in front
+    while (args.find('=', at) < args.find(' ', at)) at = args.find(' ', at) + 1;
+    args.insert(at, "timeout -s KILL 120 " + std::string(NEBRA_BINARY_DIR) + "/bin/nebra ");
+    std::string out = dir.file("out"), err = dir.file("err");
+    int status = sh(args + " >'" + out + "' 2>'" + err + "'");
+    return {status, readFile(out), readFile(err)};
+}
+#endif
+
 bool waitFor(const std::function<bool()>& done) {
     auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(50)))

@@ -106,6 +106,16 @@ public:
 private:
     int pid_ = -1;
 };
+
+// What a run of the nebra tool printed and how it ended.
+struct Outcome {
+    int status;
+    std::string out, err;
+};
+// Runs NEBRA_BINARY_DIR/bin/nebra with `args` (shell words, after environment assignments if
+// any), its output through files in `dir`; killed after two minutes so that a command that never
+// ends fails the test instead of hanging it.
+Outcome nebra(std::string args, const TempDir& dir);
 #endif
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& data);

@@ -15,14 +15,10 @@
 namespace tokentest {
 
 using nebratest::contains;
+using nebratest::Outcome;
 using pkcs11::certstoreupdater::CertStoreHelper;
 
 using Lines = std::vector<std::string>;
-
-struct Outcome {
-    int status;
-    std::string out, err;
-};
 
 inline std::size_t count(const std::string& text, const std::string& what) {
     std::size_t n = 0;
@@ -56,15 +52,7 @@ protected:
         }
     }
     // Runs build/bin/nebra with `args` (shell words, after environment assignments if any).
-    Outcome nebra(std::string args) {
-        std::size_t at = 0;  // after the environment assignments in front
-        while (args.find('=', at) < args.find(' ', at)) at = args.find(' ', at) + 1;
-        // Bounded, so that a command that never ends fails the test instead of hanging it.
-        args.insert(at, "timeout -s KILL 120 " + std::string(NEBRA_BINARY_DIR) + "/bin/nebra ");
-        std::string out = data.file("out"), err = data.file("err");
-        int status = nebratest::sh(args + " >'" + out + "' 2>'" + err + "'");
-        return {status, nebratest::readFile(out), nebratest::readFile(err)};
-    }
+    Outcome nebra(const std::string& args) { return nebratest::nebra(args, data); }
     // The token URI for `label` through SoftHSM2 (module-path).
     static std::string uri(const std::string& label) {
         return "'pkcs11:token=" + label + "?module-path=" + nebratest::SoftHsm::module() + "'";
