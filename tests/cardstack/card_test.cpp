@@ -3,7 +3,10 @@
 // OpenSC's labels and key identifiers, and synced into stores byte for byte.
 #include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
 #include <memory>
+#include <set>
 
 #include "support/testsupport.h"
 
@@ -169,6 +172,63 @@ TEST_F(Cards, EachCardFromTokenToStore) {
             EXPECT_EQ(nebratest::u8(stored[0].tokens[0].label), label);
         }
     }
+}
+
+// nebra watch on both readers: a card is synced when it goes in and released when it comes out,
+// and an idle watch sends the cards nothing. Prints the time from a card's insertion to its
+// certificate in the store.
+TEST_F(Cards, WatchFollowsEachCardAndLeavesTheCardsAloneWhenIdle) {
+    nebratest::TempDir data;
+    nebratest::ScopedEnv xdg("XDG_DATA_HOME", data.path().c_str());
+    auto stored = [] {  // the labels of the tokens whose certificates are in MY, sorted
+        std::set<std::string> labels;
+        for (const auto& c :
+             pkcs11::certstoreupdater::CertStoreHelper(L"MY").listTokenCertificates(L"Card"))
+            for (const auto& t : c.tokens) labels.insert(nebratest::u8(t.label) + ";");
+        std::string all;
+        for (const std::string& l : labels) all += l;
+        return all;
+    };
+    const std::string both = "Nebra Card User One;Nebra Card User Two;";
+    auto err = [&] { return nebratest::readFile(out_.file("watch.err")); };
+    nebratest::Process watch(
+        std::string(NEBRA_BINARY_DIR) + "/bin/nebra watch --module " + kModule +
+        " --csp Card --pin-env PIN --any-token --on-removal remove --verbose >'" +
+        out_.file("watch.out") + "' 2>'" + out_.file("watch.err") + "'");
+    auto looks = [&](std::size_t from) {  // "poll:" lines on stderr after offset `from`
+        const std::string text = err();
+        std::size_t n = 0;
+        for (std::size_t p = text.find("poll: ", from); p != std::string::npos;
+             p = text.find("poll: ", p + 1))
+            ++n;
+        return n;
+    };
+    ASSERT_TRUE(nebratest::waitFor([&] { return stored() == both; })) << err();
+    // Once the syncs are done (a look after them), idle for three looks: no APDU to either card.
+    const std::size_t synced = err().size();
+    EXPECT_TRUE(nebratest::waitFor([&] { return looks(synced) >= 1; })) << err();
+    const int idle[] = {counter(1, "apdus"), counter(2, "apdus")};
+    const std::size_t looked = err().size();
+    EXPECT_TRUE(nebratest::waitFor([&] { return looks(looked) >= 3; })) << err();
+    EXPECT_EQ(counter(1, "apdus"), idle[0]);
+    EXPECT_EQ(counter(2, "apdus"), idle[1]);
+    // Card 2 out and in again.
+    ASSERT_EQ(nebratest::sh(script("remove") + " 2"), 0);
+    EXPECT_TRUE(nebratest::waitFor([&] { return stored() == "Nebra Card User One;"; })) << err();
+    const auto inserted = std::chrono::steady_clock::now();
+    ASSERT_EQ(nebratest::sh(script("insert") + " 2"), 0);
+    EXPECT_TRUE(nebratest::waitFor([&] { return stored() == both; })) << err();
+    std::printf("card inserted to its certificate in the store: %.2f s\n",
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - inserted).count());
+    // At most the status query with which OpenSC answers C_GetTokenInfo: the sync of card 2 finds
+    // its token by URI among all slots. (Reading card 1 again would take some 80 APDUs.)
+    EXPECT_LE(counter(1, "apdus"), idle[0] + 1);
+    EXPECT_EQ(watch.stop(), 0) << err();
+    const std::string events = nebratest::readFile(out_.file("watch.out"));
+    for (const char* line : {"removed ", "released ",
+                             "Nebra%20Card%20User%20Two  MY: 0 added, 0 "
+                             "unchanged, 1 removed"})
+        EXPECT_TRUE(contains(events, line));
 }
 
 }  // namespace
