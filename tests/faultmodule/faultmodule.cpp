@@ -18,9 +18,11 @@
 //                       "LABEL=TEXT": every token reports this serial number or label (blank when
 //                       empty), as identical cards of one kind can (PIN "wait": the keypad never
 //                       answers, C_Login blocks)
-//                       "C_WaitForSlotEvent=block" (a blocking wait returns only when the module
-//                       is finalised; CKF_DONT_BLOCK gets CKR_NO_EVENT), "=hang" (a blocking wait
-//                       never returns, not even then), "=always" (every call reports an event)
+//                       "C_WaitForSlotEvent=block" (a blocking wait returns an event when the
+//                       rules of NEBRA_FAULT_FILE change, as slots would, and
+//                       CKR_CRYPTOKI_NOT_INITIALIZED when the module is finalised; CKF_DONT_BLOCK
+//                       gets CKR_NO_EVENT), "=hang" (a blocking wait never returns, not even
+//                       then), "=always" (every call reports an event)
 //   NEBRA_FAULT_FILE    file whose text replaces the rules whenever it changes (counts are kept),
 //                       for faults that come and go while a program runs
 //   NEBRA_FAULT_COUNTS  file that "C_Name count" lines are appended to when the module is
@@ -34,6 +36,7 @@
 #define NEBRA_FAULT_EXPORT __attribute__((visibility("default")))
 #endif
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -59,6 +62,7 @@ struct Rule {
 std::mutex gMutex;
 std::condition_variable gFinalizing;  // wakes blocking waits when the module is finalised
 bool gInitialized = false;
+long gRulesApplied = 0;  // how often NEBRA_FAULT_FILE's rules changed
 std::map<std::string, Rule> gRules;
 std::map<std::string, long> gCounts;
 std::string gPinPad;                            // the PIN the "keypad" enters; empty: no PIN pad
@@ -129,6 +133,7 @@ void followRulesFile() {
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
     if (text == applied) return;
     applied = text;
+    ++gRulesApplied;
     parseRules(text.c_str());
 }
 
@@ -286,7 +291,17 @@ CK_RV wWaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot, CK_VOID_PTR reserve
         return gTarget->C_WaitForSlotEvent(flags, slot, reserved);
     }
     if (flags & CKF_DONT_BLOCK) return CKR_NO_EVENT;
-    gFinalizing.wait(lock, [&] { return mode == "block" && !gInitialized; });
+    if (mode == "hang")
+        for (;;) gFinalizing.wait(lock);
+    // "block": an event when the rules change (as slots would), until finalised.
+    for (const long rules = gRulesApplied; gInitialized;) {
+        gFinalizing.wait_for(lock, std::chrono::milliseconds(20));
+        followRulesFile();
+        if (gRulesApplied != rules) {
+            *slot = 0;
+            return CKR_OK;
+        }
+    }
     return CKR_CRYPTOKI_NOT_INITIALIZED;
 }
 

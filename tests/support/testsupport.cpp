@@ -189,6 +189,12 @@ Outcome nebra(std::string args, const TempDir& dir) {
 }
 #endif
 
+std::size_t count(const std::string& text, const std::string& what) {
+    std::size_t n = 0;
+    for (auto p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) ++n;
+    return n;
+}
+
 bool waitFor(const std::function<bool()>& done) {
     auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(50)))

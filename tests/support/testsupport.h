@@ -23,6 +23,9 @@ buffer::Buffer<unsigned char> raw(const std::string& s);
 // Whether `text` contains `part`; a failure shows the whole text.
 ::testing::AssertionResult contains(const std::string& text, const std::string& part);
 
+// How often `what` occurs in `text`.
+std::size_t count(const std::string& text, const std::string& what);
+
 // The parameters of an event as "KEY=value;KEY=value".
 std::string params(const orvo::GenericEvent& e);
 

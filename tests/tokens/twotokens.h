@@ -15,16 +15,11 @@
 namespace tokentest {
 
 using nebratest::contains;
+using nebratest::count;
 using nebratest::Outcome;
 using pkcs11::certstoreupdater::CertStoreHelper;
 
 using Lines = std::vector<std::string>;
-
-inline std::size_t count(const std::string& text, const std::string& what) {
-    std::size_t n = 0;
-    for (auto p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) ++n;
-    return n;
-}
 
 // The C_Login calls the fault module counted in its NEBRA_FAULT_COUNTS file, over every load.
 inline int loginsIn(const std::string& countsFile) {

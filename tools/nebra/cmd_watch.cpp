@@ -38,10 +38,10 @@ const char* kUsage =
     "or those a PKCS#11 URI chooses), logs in and syncs it as 'nebra sync' does. When it goes\n"
     "and --on-removal remove is given, takes its certificates out of the stores it was synced\n"
     "to (certificates another token also has stay). The module stays loaded: tokens are seen\n"
-    "as they come and go in its slot list, which is read each interval, and at once where the\n"
-    "module reports slot events (C_WaitForSlotEvent, as smart-card modules do). The token\n"
-    "information is only read for slots that changed. A module that only sees new tokens when\n"
-    "it is loaded (SoftHSM2) needs --reload.\n"
+    "as they come and go in its slot list, which is read when the module reports a slot event\n"
+    "(C_WaitForSlotEvent, as smart-card modules do; then also every 30 s) or else each\n"
+    "interval. The token information is only read for slots that changed. A module that only\n"
+    "sees new tokens when it is loaded (SoftHSM2) needs --reload.\n"
     "\n"
     "One line per event on stdout: inserted, synced, removed, released, error (--json: one JSON\n"
     "object per line). The PIN comes from --pin-env, --pin-file or the URI's pin-source, and\n"
@@ -259,6 +259,8 @@ int run(const Args& args) {
     std::unique_ptr<SlotEventThread> events;
     bool loaded = false, fresh = true, askEvents = true, hinted = false;
     int idleEvents = 0;  // event wake-ups in a row that found nothing new
+    int quietIntervals = 0;
+    const int lookEvery = std::max(1, static_cast<int>(30 / interval));
     // Unloads the held module once its event thread is out of it; false when the thread does not
     // come back from the module, which then stays loaded.
     auto unloadHeld = [&] {
@@ -292,6 +294,13 @@ int run(const Args& args) {
                     loaded = fresh = askEvents = true;
                     events.reset(new SlotEventThread(held, gAlarm));
                 }
+                // While the module waits for slot events on its thread, its slot list is read
+                // when one comes and, in case one was missed, every 30 s: some modules ask their
+                // readers for the list, which need not happen each interval.
+                if (!fresh && woken == Alarm::Woken::Timeout && events->running() &&
+                    ++quietIntervals < lookEvery)
+                    continue;
+                quietIntervals = 0;
                 std::set<CK_SLOT_ID> changed = events->takeSlots();
                 // Without a blocking wait, the events of the last interval, a bounded number so
                 // that a module that always has one cannot keep the loop busy.
