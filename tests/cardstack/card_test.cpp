@@ -226,4 +226,27 @@ TEST_F(Cards, WatchFollowsEachCardAndLeavesTheCardsAloneWhenIdle) {
         EXPECT_TRUE(contains(events, line));
 }
 
+// The smart-card service stops under a watch and comes back (the cards in again): the watch says
+// so in words and syncs the cards once they are back.
+TEST_F(Cards, WatchOutlivesTheSmartCardService) {
+    nebratest::TempDir data;
+    nebratest::ScopedEnv xdg("XDG_DATA_HOME", data.path().c_str());
+    auto out = [&] { return nebratest::readFile(out_.file("watch.out")); };
+    nebratest::Process watch(std::string(NEBRA_BINARY_DIR) + "/bin/nebra watch --module " +
+                             kModule + " --csp Card --pin-env PIN --any-token --interval 0.2 >'" +
+                             out_.file("watch.out") + "' 2>'" + out_.file("watch.err") + "'");
+    EXPECT_TRUE(nebratest::waitFor([&] { return nebratest::count(out(), "synced ") == 2; }));
+    ASSERT_EQ(nebratest::sh("kill $(cat '" + stack_->file("pcscd.pid") + "')"), 0);
+    EXPECT_TRUE(nebratest::waitFor([&] {
+        return contains(out(),
+                        "error the module reports no slot at all: no reader is connected, "
+                        "or the smart-card service (pcscd) is not running");
+    }));
+    ASSERT_EQ(nebratest::sh(script("start") + " --cards 2 >/dev/null 2>&1"), 0);
+    EXPECT_TRUE(nebratest::waitFor([&] { return nebratest::count(out(), "synced ") == 4; }))
+        << out();
+    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_TRUE(contains(out(), "the module stopped waiting for slot events")) << out();
+}
+
 }  // namespace

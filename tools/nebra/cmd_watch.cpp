@@ -98,6 +98,7 @@ struct Watcher {
     std::map<std::string, TokenIdentity> present;  // by URI: synced, or failed this insertion
     std::map<CK_SLOT_ID, std::string> slotOf;      // the URI each slot showed at the last look
     std::set<std::string> ambiguous;               // identities two present tokens reported at once
+    bool saidNoSlots = false;
 
     void emit(const char* event, const TokenIdentity& t, const std::string& detail) {
         if (json)
@@ -108,6 +109,13 @@ struct Watcher {
         else
             std::cout << event << " " << t.uri() << (detail.empty() ? "" : "  " + shown(detail))
                       << std::endl;
+    }
+
+    // An error of the module rather than of a token.
+    void moduleError(const std::string& detail) {
+        std::cout << (json ? "{\"event\":\"error\",\"detail\":" + jsonString(detail) + "}"
+                           : "error " + shown(detail))
+                  << std::endl;
     }
 
     static std::string summary(const std::vector<StoreResult>& results) {
@@ -167,6 +175,13 @@ struct Watcher {
         std::map<CK_SLOT_ID, std::string> slots;  // "": no token of ours (blank, or not chosen)
         std::map<std::string, int> seen;
         pkcs11::CkSlots list(lib, true);
+        // No slot at all is said once, until slots come back.
+        const bool noSlots = list.empty() && pkcs11::CkSlots(lib, false).empty();
+        if (noSlots && !saidNoSlots)
+            moduleError(
+                "the module reports no slot at all: no reader is connected, or the smart-card "
+                "service (pcscd) is not running; watching goes on");
+        saidNoSlots = noSlots;
         for (const pkcs11::CkSlot& slot : list.entries()) {
             auto was = slotOf.find(slot.id);
             const bool had = was != slotOf.end() && present.count(was->second);
@@ -189,8 +204,8 @@ struct Watcher {
                         now.emplace(was->second, present.at(was->second));
                         slots[slot.id] = was->second;
                     }
-                    emit("error", had ? present.at(was->second) : TokenIdentity{},
-                         failure(e) + " (looking again at the next interval)");
+                    const std::string detail = failure(e) + " (looking again at the next interval)";
+                    had ? emit("error", present.at(was->second), detail) : moduleError(detail);
                     continue;
                 }
             }
@@ -224,8 +239,8 @@ int run(const Args& args) {
     args.allow({"module", "csp", "store", "roots", "cas", "others", "prune", "json", "pin-env",
                 "pin-file", "no-pin-pad", "verbose", "interval", "on-removal", "slot-events",
                 "reload", "any-token"});
-    Watcher w{args, chooseToken(args), {}, storeTargets(args), args.flag("json"), false, {}, {},
-              {}};
+    Watcher w{args, chooseToken(args), {}, storeTargets(args), args.flag("json"), false, {}, {}, {},
+              false};
     if (!args.has("csp") || args.get("csp").empty()) throw UsageError("--csp is required");
     w.options.csp = wideFromUtf8(args.get("csp"));
     w.options.prune = args.flag("prune");
@@ -260,6 +275,8 @@ int run(const Args& args) {
     bool loaded = false, fresh = true, askEvents = true, hinted = false;
     int idleEvents = 0;  // event wake-ups in a row that found nothing new
     int quietIntervals = 0;
+    bool waited = false;  // the event thread was waiting at a look after the first
+    int sinceFailedWait = 0;
     const int lookEvery = std::max(1, static_cast<int>(30 / interval));
     // Unloads the held module once its event thread is out of it; false when the thread does not
     // come back from the module, which then stays loaded.
@@ -294,6 +311,20 @@ int run(const Args& args) {
                     loaded = fresh = askEvents = true;
                     events.reset(new SlotEventThread(held, gAlarm));
                 }
+                // A wait that fails (the smart-card service stopped) comes back with the module
+                // loaded again: at the next interval when it had been waiting, else every 30 s.
+                const CK_RV ended = events->endedWith();
+                if (!events->running() && ended != CKR_OK && ended != CKR_FUNCTION_NOT_SUPPORTED &&
+                    ended != CKR_NO_EVENT && (waited || ++sinceFailedWait >= lookEvery)) {
+                    if (waited)
+                        w.moduleError("the module stopped waiting for slot events (" +
+                                      cryptokiName(ended) + "); loading it again");
+                    unloadHeld();
+                    waited = false;
+                    sinceFailedWait = 0;
+                    continue;
+                }
+                waited = !fresh && events->running();
                 // While the module waits for slot events on its thread, its slot list is read
                 // when one comes and, in case one was missed, every 30 s: some modules ask their
                 // readers for the list, which need not happen each interval.
@@ -322,7 +353,9 @@ int run(const Args& args) {
                                               "looking each interval only\n";
                 }
                 events->resume();
-                if (!hinted && !fresh && !events->running() && !events->delivered()) {
+                const CK_RV cannotWait = events->endedWith();
+                if (!hinted && !fresh && !events->running() && !events->delivered() &&
+                    (cannotWait == CKR_FUNCTION_NOT_SUPPORTED || cannotWait == CKR_NO_EVENT)) {
                     hinted = true;
                     std::cerr << "nebra: the module does not wait for slot events; tokens are seen "
                                  "as its slot list changes (a module that only sees new tokens "
@@ -332,10 +365,7 @@ int run(const Args& args) {
             if (w.options.verbose)
                 *w.options.verbose << "poll: " << w.present.size() << " token(s) present\n";
         } catch (const orvo::GenericEvent& e) {
-            std::cout << (w.json
-                              ? "{\"event\":\"error\",\"detail\":" + jsonString(w.failure(e)) + "}"
-                              : "error " + w.failure(e))
-                      << std::endl;
+            w.moduleError(w.failure(e));
             // A slot list that cannot be read (the smart-card service stopped or restarted)
             // comes back with the module loaded again.
             unloadHeld();

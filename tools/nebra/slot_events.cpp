@@ -35,6 +35,7 @@ struct SlotEventThread::State {
     std::condition_variable changed;
     bool running = true, delivered = false, resumed = false, quit = false;
     std::set<CK_SLOT_ID> slots;
+    CK_RV endedWith = CKR_OK;
 };
 
 SlotEventThread::SlotEventThread(const pkcs11::CkLibrary& library, Alarm& alarm)
@@ -61,6 +62,7 @@ SlotEventThread::SlotEventThread(const pkcs11::CkLibrary& library, Alarm& alarm)
             }
             if (rv != CKR_OK || state->quit) {
                 state->running = false;
+                state->endedWith = rv;
                 state->changed.notify_all();
                 return;
             }
@@ -83,6 +85,11 @@ std::set<CK_SLOT_ID> SlotEventThread::takeSlots() {
     std::set<CK_SLOT_ID> slots;
     slots.swap(state_->slots);
     return slots;
+}
+
+CK_RV SlotEventThread::endedWith() const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->endedWith;
 }
 
 void SlotEventThread::resume() {

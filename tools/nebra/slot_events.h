@@ -41,6 +41,9 @@ public:
     bool running() const;
     // Whether the module ever reported an event through it.
     bool delivered() const;
+    // What the wait returned when the thread ended (CKR_OK while it runs, or when it was asked to
+    // end).
+    CK_RV endedWith() const;
     // The slots the events named since the last call.
     std::set<CK_SLOT_ID> takeSlots();
     // The watch has looked after an event: the thread waits for the next one.
