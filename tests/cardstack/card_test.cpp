@@ -253,4 +253,44 @@ TEST_F(Cards, WatchOutlivesTheSmartCardService) {
     EXPECT_TRUE(contains(out(), "the module stopped waiting for slot events")) << out();
 }
 
+// The card's retry counter decides: nebra sends a wrong PIN while tries remain but never the last
+// one, and a watch reports a locked PIN once and sends nothing. The stack starts afresh after.
+TEST_F(Cards, TheLastTryAndALockedPinAreNeverSpent) {
+    const std::string two =
+        " --module 'pkcs11:token=Nebra%20Card%20User%20Two?module-path=" + kModule +
+        "' --pin-env BADPIN";
+    const struct {
+        int triesLeft, sent;
+    } runs[] = {{2, 1}, {1, 1}, {1, 0}};  // the third is held back: one try left
+    for (const auto& run : runs) {
+        const int verifies = counter(2, "verifies_with_pin");
+        Outcome r = nebra("token" + two);
+        EXPECT_EQ(r.status, 1) << r.out << r.err;
+        EXPECT_EQ(counter(2, "tries_left"), run.triesLeft) << r.err;
+        EXPECT_EQ(counter(2, "verifies_with_pin"), verifies + run.sent) << r.err;
+    }
+    // Locked by another program; a watch, three insertions.
+    nebratest::sh("pkcs11-tool --module " + kModule +
+                  " --token-label 'Nebra Card User Two' --login --pin 000000 -O >/dev/null 2>&1");
+    ASSERT_EQ(counter(2, "tries_left"), 0);
+    const int verifies = counter(2, "verifies_with_pin");
+    nebratest::Process watch("env " NEBRA_BINARY_DIR "/bin/nebra watch" + two +
+                             " --csp Card --interval 0.2 >'" + out_.file("watch.out") +
+                             "' 2>/dev/null");
+    auto out = [&] { return nebratest::readFile(out_.file("watch.out")); };
+    EXPECT_TRUE(nebratest::waitFor([&] { return contains(out(), "CKF_USER_PIN_LOCKED"); }));
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(nebratest::sh(script("remove") + " 2"), 0);
+        ASSERT_EQ(nebratest::sh(script("insert") + " 2"), 0);
+        EXPECT_TRUE(nebratest::waitFor([&] {
+            return nebratest::count(out(), "inserted ") == static_cast<std::size_t>(i + 2);
+        }));
+    }
+    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(counter(2, "verifies_with_pin"), verifies);
+    EXPECT_EQ(nebratest::count(out(), "is locked (CKF_USER_PIN_LOCKED); no PIN was sent"), 1u)
+        << out();
+    nebratest::sh(script("stop") + " && " + script("start") + " --cards 2 >/dev/null 2>&1");
+}
+
 }  // namespace

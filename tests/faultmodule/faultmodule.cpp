@@ -155,12 +155,18 @@ CK_RV fault(const char* name, bool* emptySlots = nullptr, bool* noSlots = nullpt
     return CKR_OK;
 }
 
+// Appends the calls since the last write: the module may stay mapped between loads (sanitizer
+// builds keep it), and then its counts go on.
+std::map<std::string, long> gWritten;
 void writeCounts() {
     const char* path = std::getenv("NEBRA_FAULT_COUNTS");
     if (!path) return;
     FILE* f = std::fopen(path, "a");
     if (!f) return;
-    for (const auto& c : gCounts) std::fprintf(f, "%s %ld\n", c.first.c_str(), c.second);
+    for (const auto& c : gCounts) {
+        std::fprintf(f, "%s %ld\n", c.first.c_str(), c.second - gWritten[c.first]);
+        gWritten[c.first] = c.second;
+    }
     std::fclose(f);
 }
 
@@ -356,6 +362,7 @@ NEBRA_FAULT_EXPORT void nebra_fault_set(const char* rules) {
     std::lock_guard<std::mutex> lock(gMutex);
     parseRules(rules);
     gCounts.clear();
+    gWritten.clear();
 }
 
 NEBRA_FAULT_EXPORT long nebra_fault_count(const char* name) {

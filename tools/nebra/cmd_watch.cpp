@@ -99,6 +99,7 @@ struct Watcher {
     std::map<CK_SLOT_ID, std::string> slotOf;      // the URI each slot showed at the last look
     std::set<std::string> ambiguous;               // identities two present tokens reported at once
     bool saidNoSlots = false;
+    std::map<std::string, std::string> withheld;  // by URI: why the PIN was last kept back
 
     void emit(const char* event, const TokenIdentity& t, const std::string& detail) {
         if (json)
@@ -144,7 +145,15 @@ struct Watcher {
             emit("synced", t, summary(results));
         } catch (const orvo::GenericEvent& e) {
             emit("error", t, failure(e));
-        } catch (const std::runtime_error& e) {  // a usage problem, or a PIN kept back
+        } catch (const PinWithheld& e) {
+            // A card keeps its state (locked, one try left, a PIN refused) between insertions:
+            // the same reason is reported once.
+            if (withheld[t.uri()] != e.what())
+                emit("error", t, e.what());
+            else if (options.verbose)
+                *options.verbose << "no PIN sent: " << shown(e.what()) << "\n";
+            withheld[t.uri()] = e.what();
+        } catch (const std::runtime_error& e) {  // a usage problem
             emit("error", t, e.what());
         }
     }
@@ -239,8 +248,17 @@ int run(const Args& args) {
     args.allow({"module", "csp", "store", "roots", "cas", "others", "prune", "json", "pin-env",
                 "pin-file", "no-pin-pad", "verbose", "interval", "on-removal", "slot-events",
                 "reload", "any-token"});
-    Watcher w{args, chooseToken(args), {}, storeTargets(args), args.flag("json"), false, {}, {}, {},
-              false};
+    Watcher w{args,
+              chooseToken(args),
+              {},
+              storeTargets(args),
+              args.flag("json"),
+              false,
+              {},
+              {},
+              {},
+              false,
+              {}};
     if (!args.has("csp") || args.get("csp").empty()) throw UsageError("--csp is required");
     w.options.csp = wideFromUtf8(args.get("csp"));
     w.options.prune = args.flag("prune");
