@@ -59,9 +59,11 @@ struct Rule {
     std::string wait;      // C_WaitForSlotEvent: "block", "hang" or "always"
 };
 
-std::mutex gMutex;
-std::condition_variable gFinalizing;  // wakes blocking waits when the module is finalised
+// Never destroyed: a thread may still wait in C_WaitForSlotEvent when the process exits.
+std::mutex& gMutex = *new std::mutex;
+std::condition_variable& gFinalizing = *new std::condition_variable;  // wakes blocking waits
 bool gInitialized = false;
+bool gExiting = false;   // static destruction began: a waiting thread touches nothing any more
 long gRulesApplied = 0;  // how often NEBRA_FAULT_FILE's rules changed
 std::map<std::string, Rule> gRules;
 std::map<std::string, long> gCounts;
@@ -302,6 +304,7 @@ CK_RV wWaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot, CK_VOID_PTR reserve
     // "block": an event when the rules change (as slots would), until finalised.
     for (const long rules = gRulesApplied; gInitialized;) {
         gFinalizing.wait_for(lock, std::chrono::milliseconds(20));
+        while (gExiting) gFinalizing.wait(lock);
         followRulesFile();
         if (gRulesApplied != rules) {
             *slot = 0;
@@ -310,6 +313,16 @@ CK_RV wWaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot, CK_VOID_PTR reserve
     }
     return CKR_CRYPTOKI_NOT_INITIALIZED;
 }
+
+// A process that ends with the module initialised (a program that leaves a module waiting for
+// slot events loaded) still gets its counts written.
+struct CountsAtExit {
+    ~CountsAtExit() {
+        std::lock_guard<std::mutex> lock(gMutex);
+        gExiting = true;
+        if (gInitialized) writeCounts();
+    }
+} gCountsAtExit;
 
 // The real module's C_GetFunctionList, or null.
 CK_C_GetFunctionList loadTarget(const char* path) {

@@ -113,14 +113,14 @@ TEST_F(TwoTokens, WatchKeepsTheModuleLoadedWhateverItsSlotEventsDo) {
         return at == std::string::npos ? 0L : std::atol(text.c_str() + at + name.size() + 1);
     };
     const struct {
-        std::string events, stopped;  // fault rules; how the watch says it stopped
-        bool eachInterval;            // whether it reads the slot list each interval
+        std::string events;  // fault rules
+        bool eachInterval;   // whether the watch reads the slot list each interval
     } modules[] = {
-        {"", "nebra: stopped watching\n", true},
-        {"C_WaitForSlotEvent=0x8", "nebra: stopped watching\n", true},
-        {"C_WaitForSlotEvent=block", "nebra: stopped watching\n", false},
-        {"C_WaitForSlotEvent=hang", "did not return from C_WaitForSlotEvent", false},
-        {"C_WaitForSlotEvent=always", "nebra: stopped watching\n", true},
+        {"", true},
+        {"C_WaitForSlotEvent=0x8", true},
+        {"C_WaitForSlotEvent=block", false},
+        {"C_WaitForSlotEvent=hang", false},
+        {"C_WaitForSlotEvent=always", true},
     };
     auto out = [&](const char* what) {
         return count(nebratest::readFile(data.file("watch.out")), what);
@@ -146,7 +146,7 @@ TEST_F(TwoTokens, WatchKeepsTheModuleLoadedWhateverItsSlotEventsDo) {
             EXPECT_TRUE(waitFor([&] { return polls() >= seen + 40; })) << watched();
         }
         EXPECT_EQ(stop(), 0) << watched();
-        EXPECT_TRUE(contains(nebratest::readFile(data.file("watch.err")), module.stopped));
+        EXPECT_TRUE(contains(nebratest::readFile(data.file("watch.err")), "stopped watching\n"));
         EXPECT_EQ(calls("C_Initialize"), 1);
         // Asked when the slots appear and by each sync, not at every look (3 slots: 2 tokens and
         // SoftHSM2's blank one).

@@ -65,7 +65,7 @@ const char* kUsage =
     "  default, is still accepted)\n";
 
 volatile std::sig_atomic_t gStop = 0;
-Alarm gAlarm;
+Alarm& gAlarm = *new Alarm;  // never destroyed: an event thread may outlive main
 void onStop() {
     gStop = 1;
     gAlarm.stop();
@@ -281,9 +281,6 @@ int run(const Args& args) {
     const bool reload = args.flag("reload");
     const auto step = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
         std::chrono::duration<double>(interval));
-    // How long a stop waits for a module to return from C_WaitForSlotEvent after C_Finalize.
-    const auto grace = std::min(std::chrono::duration_cast<std::chrono::milliseconds>(step),
-                                std::chrono::milliseconds(5000));
     std::cerr << "nebra: watching " << w.choice.module << " every " << interval << " s"
               << (reload ? " (reloading it each time)" : "") << "\n";
 
@@ -296,14 +293,11 @@ int run(const Args& args) {
     bool waited = false;  // the event thread was waiting at a look after the first
     int sinceFailedWait = 0;
     const int lookEvery = std::max(1, static_cast<int>(30 / interval));
-    // Unloads the held module once its event thread is out of it; false when the thread does not
-    // come back from the module, which then stays loaded.
+    // Unloads the held module unless its event thread is still in C_WaitForSlotEvent: C_Finalize
+    // is the only way to end that wait, and a module may free what the wait still uses (OpenSC
+    // does), so such a module stays loaded and ends with the process.
     auto unloadHeld = [&] {
-        if (!loaded) return true;
-        if (events->running()) {
-            held.functions()->C_Finalize(nullptr);  // ends a blocking C_WaitForSlotEvent
-            if (!events->ended(grace)) return false;
-        }
+        if (!loaded || events->running()) return !loaded;
         events.reset();
         registry.unload(held);
         loaded = false;
@@ -385,18 +379,11 @@ int run(const Args& args) {
         } catch (const orvo::GenericEvent& e) {
             w.moduleError(w.failure(e));
             // A slot list that cannot be read (the smart-card service stopped or restarted)
-            // comes back with the module loaded again.
+            // comes back with the module loaded again, once it no longer waits for events.
             unloadHeld();
         }
     }
-    if (!unloadHeld()) {
-        // Nothing can be unwound under a thread that stays in the module: the process ends here.
-        std::cerr << "nebra: stopped watching (the module did not return from "
-                     "C_WaitForSlotEvent)\n";
-        std::cerr.flush();
-        std::fflush(nullptr);
-        std::_Exit(0);
-    }
+    unloadHeld();
     std::cerr << "nebra: stopped watching\n";
     return 0;
 }

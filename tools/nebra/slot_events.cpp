@@ -46,8 +46,7 @@ SlotEventThread::SlotEventThread(const pkcs11::CkLibrary& library, Alarm& alarm)
         return;
     }
     // Detached: a module may never return from the wait, and the thread then ends with the
-    // process. It only touches the module, its own state and the alarm, which the watch keeps
-    // until the thread has ended or the process ends.
+    // process. It only touches the module, its own state and the alarm, which lives as long.
     std::thread([state = state_, functions = library.functions(), &alarm] {
         for (;;) {
             CK_SLOT_ID slot = 0;
@@ -102,12 +101,6 @@ void SlotEventThread::quit() {
     std::lock_guard<std::mutex> lock(state_->mutex);
     state_->quit = true;
     state_->changed.notify_all();
-}
-
-bool SlotEventThread::ended(std::chrono::milliseconds limit) {
-    quit();
-    std::unique_lock<std::mutex> lock(state_->mutex);
-    return state_->changed.wait_for(lock, limit, [this] { return !state_->running; });
 }
 
 }  // namespace nebra

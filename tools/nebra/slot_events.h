@@ -32,8 +32,8 @@ private:
 // C_WaitForSlotEvent blocking on a thread of its own, ringing `alarm` at each event. After an
 // event the thread waits until the watch has looked (resume()), so that a module reporting events
 // without end cannot make it spin. It ends when the module cannot wait that way (the first call
-// fails: not supported, or a module initialised for one thread only), when the module is
-// finalised (CKR_CRYPTOKI_NOT_INITIALIZED), on any other failure, or when asked to (quit()).
+// fails: not supported, or a module initialised for one thread only), on any other failure, or at
+// the next event after quit(). A thread still waiting ends with the process.
 class SlotEventThread {
 public:
     SlotEventThread(const pkcs11::CkLibrary& library, Alarm& alarm);
@@ -50,9 +50,6 @@ public:
     void resume();
     // Ends the thread at its next event instead of waiting again.
     void quit();
-    // After the module was finalised: waits up to `limit` for the thread to end. False when it is
-    // still blocked in the module, which must then stay loaded.
-    bool ended(std::chrono::milliseconds limit);
 
 private:
     struct State;
