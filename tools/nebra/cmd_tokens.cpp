@@ -1,5 +1,6 @@
 // nebra tokens: the tokens a module has present, each with the URI that chooses it.
 #include <iostream>
+#include <sstream>
 
 #include "tools/nebra/token_common.h"
 
@@ -29,7 +30,9 @@ int run(const Args& args) {
     } unload{lib};
     pkcs11::CkSlots slots(lib, true);
     bool json = args.flag("json");
-    if (json) std::cout << "[";
+    // Written out once every token was read, so that a failure leaves no partial output.
+    std::ostringstream out;
+    if (json) out << "[";
     const char* sep = "";
     for (const pkcs11::CkSlot& slot : slots.entries()) {
         pkcs11::CkTokenInfo info = pkcs11::CkToken(slot).info();
@@ -39,25 +42,26 @@ int run(const Args& args) {
         bool initialized = (info.flags & CKF_TOKEN_INITIALIZED) != 0;
         bool pinPad = (info.flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0;
         if (json) {
-            std::cout << sep << "{\"uri\":" << jsonString(id.uri())
-                      << ",\"label\":" << jsonString(utf8(id.label))
-                      << ",\"manufacturer\":" << jsonString(utf8(id.manufacturer))
-                      << ",\"model\":" << jsonString(utf8(id.model))
-                      << ",\"serial\":" << jsonString(utf8(id.serial))
-                      << ",\"loginRequired\":" << (login ? "true" : "false")
-                      << ",\"pinPad\":" << (pinPad ? "true" : "false")
-                      << ",\"initialized\":" << (initialized ? "true" : "false") << "}";
+            out << sep << "{\"uri\":" << jsonString(id.uri())
+                << ",\"label\":" << jsonString(utf8(id.label))
+                << ",\"manufacturer\":" << jsonString(utf8(id.manufacturer))
+                << ",\"model\":" << jsonString(utf8(id.model))
+                << ",\"serial\":" << jsonString(utf8(id.serial))
+                << ",\"loginRequired\":" << (login ? "true" : "false")
+                << ",\"pinPad\":" << (pinPad ? "true" : "false")
+                << ",\"initialized\":" << (initialized ? "true" : "false") << "}";
             sep = ",";
             continue;
         }
-        std::cout << id.uri() << "\n  label " << shown(utf8(id.label)) << ", manufacturer "
-                  << shown(utf8(id.manufacturer)) << ", model " << shown(utf8(id.model))
-                  << ", serial " << shown(utf8(id.serial)) << ", "
-                  << (login ? (pinPad ? "login on the reader's PIN pad" : "login with a PIN")
-                            : "no login needed")
-                  << (initialized ? "" : ", not initialised") << "\n";
+        out << id.uri() << "\n  label " << shown(utf8(id.label)) << ", manufacturer "
+            << shown(utf8(id.manufacturer)) << ", model " << shown(utf8(id.model)) << ", serial "
+            << shown(utf8(id.serial)) << ", "
+            << (login ? (pinPad ? "login on the reader's PIN pad" : "login with a PIN")
+                      : "no login needed")
+            << (initialized ? "" : ", not initialised") << "\n";
     }
-    if (json) std::cout << "]\n";
+    if (json) out << "]\n";
+    std::cout << out.str();
     if (!json && slots.empty()) std::cerr << "nebra: " << noTokenReason(choice.module) << "\n";
     return 0;
 }
