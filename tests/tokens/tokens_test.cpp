@@ -411,6 +411,11 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
         }
     }
 
+    // A token that cannot be read leaves no partial JSON on stdout.
+    Outcome unread = nebra("NEBRA_FAULT=C_GetTokenInfo=0x30 tokens --json --module " + fault);
+    EXPECT_EQ(unread.status, 1) << unread.err;
+    EXPECT_EQ(unread.out, "");
+
     // Text from a token is data: a label with a terminal control sequence, a line feed and bytes
     // that are not UTF-8 (the encoding of a lone surrogate) is escaped on a terminal, and valid,
     // escaped UTF-8 in JSON.
