@@ -5,11 +5,7 @@
 # built; the nebra command tests are left out, as this build has no tool.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
-BUILD=${NEBRA_BUILD_TSAN:-$PWD/build-tsan}
-cmake -S . -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNEBRALIB_WERROR=ON \
-  -DNEBRALIB_BUILD_TOOLS=OFF -DCMAKE_CXX_FLAGS=-fsanitize=thread \
-  -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=thread -DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=thread >/dev/null
-cmake --build "$BUILD" -j "${JOBS:-$(nproc)}" --target test_buffer test_certstore test_certstore_sqlite
+BUILD=$(bash scripts/tsan-build.sh test_buffer test_certstore test_certstore_sqlite | tail -n 1)
 export TSAN_OPTIONS=halt_on_error=1
 "$BUILD/bin/test_buffer"
 "$BUILD/bin/test_certstore"
