@@ -54,8 +54,7 @@ typedef struct nebra_list nebra_list;
 #define NEBRA_E_UTF8 5           /* text passed in is not UTF-8 */
 #define NEBRA_E_PIN_WITHHELD 6   /* no PIN was sent: the token is locked, at its final try, or */
                                  /* refused a PIN before in this process */
-#define NEBRA_E_NO_TOKEN 7       /* the module shows no token (no reader, or no card in it) */
-#define NEBRA_E_FAILED 8         /* anything else (out of memory, an unexpected failure) */
+#define NEBRA_E_FAILED 7         /* anything else (out of memory, an unexpected failure) */
 
 /* The library's version ("1.2.3") and the ABI version it was built with. */
 NEBRA_API const char* nebra_version(void);
