@@ -93,7 +93,7 @@ NEBRA_API nebra_status* nebra_status_free(nebra_status* status);
 #define NEBRA_FIELD_DER 9          /* bytes: the certificate */
 #define NEBRA_FIELD_SUBJECT 10     /* text */
 #define NEBRA_FIELD_ISSUER 11      /* text */
-#define NEBRA_FIELD_NOT_BEFORE 12  /* text: YYYY-MM-DDTHH:MM:SSZ */
+#define NEBRA_FIELD_NOT_BEFORE 12  /* text: YYYY-MM-DD HH:MM:SS, UTC */
 #define NEBRA_FIELD_NOT_AFTER 13   /* text */
 #define NEBRA_FIELD_STORE 14       /* text: a store name */
 #define NEBRA_FIELD_CHANGE 15      /* text: what a sync did to a certificate (see nebra_sync) */
@@ -174,7 +174,8 @@ NEBRA_API nebra_status* nebra_verify_file(const char* path);
 /* Grants ALL APPLICATION PACKAGES (S-1-15-2-1) read access to a file, or to a folder and
  * everything in it (recursive non-zero). */
 NEBRA_API nebra_status* nebra_grant_app_access(const char* path, int32_t recursive);
-/* *granted becomes 1 when the file's DACL gives ALL APPLICATION PACKAGES read access, else 0. */
+/* *granted becomes 1 when an entry of the file's DACL names ALL APPLICATION PACKAGES (as a grant
+ * leaves it), else 0. */
 NEBRA_API nebra_status* nebra_has_app_access(const char* path, int32_t* granted);
 
 #ifdef __cplusplus

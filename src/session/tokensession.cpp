@@ -34,7 +34,7 @@ std::set<std::string>& refusedPins() {
 }
 
 std::string labelOf(const CkTokenInfo& info) {
-    return buffer::toUtf8(info.label);
+    return buffer::utf8FromUtf16(info.label.data(), info.label.size());
 }
 }  // namespace
 
@@ -151,6 +151,7 @@ void TokenSession::loginProtected(const CkTokenInfo& info) {
 }
 
 std::unique_ptr<CertListPackage> TokenSession::getAllCerts() {
+    if (!helper_->session) throw std::invalid_argument("the token is read after a login only");
     return helper_->getAllCerts();
 }
 

@@ -17,7 +17,7 @@ using Der = buffer::Buffer<unsigned char>;
 using TokenCertificate = TokenStore::TokenCertificate;
 
 std::string utf8(const std::wstring& s) {
-    return buffer::toUtf8(s);
+    return buffer::utf8FromUtf16(s);
 }
 
 SyncChange changeOf(const std::wstring& container, const std::wstring& label,
