@@ -25,19 +25,22 @@ static void release(nebra_status* st) {
     }
 }
 
-/* With a failure: prints its event, source:line, parameters and message to stderr, frees it and
- * returns 1. Returns 0 for NULL (success). */
+/* With a failure: prints its message, then its event, source:line and parameters, as
+ * `nebra --verbose` prints them (a failure that is no event: its status and what failed); frees
+ * it and returns 1. Returns 0 for NULL (success). */
 static int failed(nebra_status* st, const char* what) {
-    uint32_t i, n;
+    uint32_t i;
     if (!st) return 0;
-    n = nebra_status_param_count(st);
-    fprintf(stderr, "%s failed (status %d): %s (%s:%u)", what, (int)nebra_status_code(st),
-            nebra_status_event(st, NULL), nebra_status_source(st, NULL),
-            (unsigned)nebra_status_line(st));
-    for (i = 0; i < n; ++i)
+    if (*nebra_status_message(st, NULL)) fprintf(stderr, "%s\n", nebra_status_message(st, NULL));
+    if (*nebra_status_event(st, NULL))
+        fprintf(stderr, "error: %s (%s:%u)", nebra_status_event(st, NULL),
+                nebra_status_source(st, NULL), (unsigned)nebra_status_line(st));
+    else
+        fprintf(stderr, "error: status %d (%s)", (int)nebra_status_code(st), what);
+    for (i = 0; i < nebra_status_param_count(st); ++i)
         fprintf(stderr, " %s=%s", nebra_status_param_key(st, i, NULL),
                 nebra_status_param_value(st, i, NULL));
-    fprintf(stderr, "\n%s\n", nebra_status_message(st, NULL));
+    fprintf(stderr, "\n");
     release(st);
     return 1;
 }
@@ -65,19 +68,12 @@ static char* field(const nebra_list* list, uint64_t row, uint32_t f, size_t* len
 typedef struct {
     char* p;
     size_t n, cap;
-    int oom;
 } out_t;
 
 static void put(out_t* o, const char* s, size_t n) {
-    if (o->oom) return;
     if (o->n + n > o->cap) {
-        size_t cap = (o->n + n) * 2;
-        char* p = realloc(o->p, cap);
-        if (!p) {
-            o->oom = 1;
-            return;
-        }
-        o->p = p, o->cap = cap;
+        o->cap = (o->n + n) * 2;
+        if (!(o->p = realloc(o->p, o->cap))) fputs("out of memory\n", stderr), exit(1);
     }
     memcpy(o->p + o->n, s, n);
     o->n += n;
@@ -263,143 +259,125 @@ static void* run_job(void* arg) {
 
 /* One edge case: the status a call returned against the one it must return. Every failure has a
  * message; one that is not an event has no event name, source or line. */
-static int expect(const char* what, nebra_status* st, int32_t want) {
+static int expect(const char* call, nebra_status* st, int32_t want) {
     int32_t got = nebra_status_code(st);
     int ok = got == want && (!st || *nebra_status_message(st, NULL)) &&
              (got == NEBRA_E_EVENT || (!*nebra_status_event(st, NULL) &&
                                        !*nebra_status_source(st, NULL) && !nebra_status_line(st)));
-    printf("%s %s: status %d\n", ok ? "ok  " : "FAIL", what, (int)got);
-    if (!ok && st) return failed(st, what);
+    printf("%s %s: status %d\n", ok ? "ok  " : "FAIL", call, (int)got);
+    if (!ok && st) return failed(st, call);
     release(st);
     return !ok;
 }
-
 static int check(const char* what, int ok) {
     printf("%s %s\n", ok ? "ok  " : "FAIL", what);
     return !ok;
 }
+#define EXPECT(call, want) (bad += expect(#call, call, want))
+#define CHECK(cond) (bad += check(#cond, cond))
 
-/* A login refused by the token: event, and CKR_PIN_INCORRECT among its parameters. */
-static int expect_refused(const char* what, nebra_status* st) {
+/* A login the token refused: the Cryptoki error's event, CKR_PIN_INCORRECT its parameter. */
+static int refused(nebra_status* st) {
     size_t len = 0;
     const char* event = nebra_status_event(st, &len);
-    uint32_t i, found = 0;
+    uint32_t i;
+    int ok = nebra_status_code(st) == NEBRA_E_EVENT && len == strlen(event) &&
+             !strcmp(event, "Pkcs11Error_CryptokiError"),
+        code = 0;
     for (i = 0; i < nebra_status_param_count(st); ++i)
-        found |= !strcmp(nebra_status_param_key(st, i, NULL), "CRYPTOKY_ERROR_CODE") &&
-                 !strcmp(nebra_status_param_value(st, i, NULL), "160");
-    printf("%s %s: %s (%s:%u)\n", found ? "ok  " : "FAIL", what, event,
+        code |= !strcmp(nebra_status_param_key(st, i, NULL), "CRYPTOKY_ERROR_CODE") &&
+                !strcmp(nebra_status_param_value(st, i, NULL), "160");
+    printf("%s a wrong PIN: %s (%s:%u)\n", ok && code ? "ok  " : "FAIL", event,
            nebra_status_source(st, NULL), (unsigned)nebra_status_line(st));
-    found &= nebra_status_code(st) == NEBRA_E_EVENT && len == strlen(event) &&
-             !strcmp(event, "Pkcs11Error_CryptokiError");
     release(st);
-    return !found;
+    return !(ok && code);
 }
 
-int edge_cases(const char* module, const char* pin) {
+/* The edge cases of handles and arguments, on the token `module`; the last ones send it a wrong
+ * PIN. Each prints ok or FAIL; the exit status is 1 when one failed. */
+static int edge_cases(const char* module, const char* pin) {
     nebra_token *token = NULL, *again = NULL;
     nebra_list *info = NULL, *list = NULL;
     nebra_status* st;
     const char* stores[4] = {"MY", NULL, NULL, NULL};
-    const uint8_t* pin_bytes = (const uint8_t*)pin;
-    uint64_t n = 0, size = 0, need = 0;
+    const uint8_t* right = (const uint8_t*)pin;
+    uint64_t n = 0, size = 0, need = 0, len = strlen(pin);
     char buf[256], wrong[64];
     int bad = 0;
     memset(buf, '#', sizeof buf);
     snprintf(wrong, sizeof wrong, "%.40s-wrong", pin);
-    bad += check(nebra_version(), nebra_abi_version() == NEBRA_ABI_VERSION && *nebra_version());
-    bad += expect("open the token", nebra_token_open(module, &token), NEBRA_OK);
-    bad += expect("read its info", nebra_token_info(token, &info), NEBRA_OK);
-    bad +=
-        expect("count its rows", nebra_list_count(info, &n), NEBRA_OK) + check("one row", n == 1);
-
-    /* NULL handles and out-parameters; freeing NULL does nothing */
-    bad += expect("count of a NULL list", nebra_list_count(NULL, &n), NEBRA_E_ARGUMENT);
-    bad += expect("count into NULL", nebra_list_count(info, NULL), NEBRA_E_ARGUMENT);
-    bad += expect("field of a NULL list", nebra_list_get(NULL, 0, NEBRA_FIELD_LABEL, buf, &size),
-                  NEBRA_E_ARGUMENT);
-    bad += expect("field with size NULL", nebra_list_get(info, 0, NEBRA_FIELD_LABEL, buf, NULL),
-                  NEBRA_E_ARGUMENT);
-    bad += expect("info of a NULL token", nebra_token_info(NULL, &list), NEBRA_E_ARGUMENT);
-    bad += expect("login on a NULL token", nebra_token_login(NULL, pin_bytes, strlen(pin)),
-                  NEBRA_E_ARGUMENT);
-    bad += expect("harvest of a NULL token", nebra_token_harvest(NULL, &list), NEBRA_E_ARGUMENT);
-    bad +=
-        expect("sync of a NULL token", nebra_sync(NULL, "csp", stores, 0, &list), NEBRA_E_ARGUMENT);
-    bad += expect("open a NULL module", nebra_token_open(NULL, &again), NEBRA_E_ARGUMENT);
-    bad += expect("open into NULL", nebra_token_open(module, NULL), NEBRA_E_ARGUMENT);
-    bad += expect("free a NULL list", nebra_list_free(NULL), NEBRA_OK);
-    bad += expect("free a NULL token", nebra_token_free(NULL), NEBRA_OK);
-    bad += expect("free a NULL status", nebra_status_free(NULL), NEBRA_OK);
-
+    CHECK(nebra_abi_version() == NEBRA_ABI_VERSION && *nebra_version());
+    EXPECT(nebra_token_open(module, &token), NEBRA_OK);
+    EXPECT(nebra_token_info(token, &info), NEBRA_OK);
+    EXPECT(nebra_list_count(info, &n), NEBRA_OK), CHECK(n == 1);
+    /* a NULL handle is no live handle; other NULL pointers are bad arguments; freeing NULL does
+     * nothing; a failed sync still hands out its rows (none here) */
+    EXPECT(nebra_list_count(NULL, &n), NEBRA_E_HANDLE);
+    EXPECT(nebra_list_count(info, NULL), NEBRA_E_ARGUMENT);
+    EXPECT(nebra_list_get(NULL, 0, NEBRA_FIELD_LABEL, buf, &size), NEBRA_E_HANDLE);
+    EXPECT(nebra_list_get(info, 0, NEBRA_FIELD_LABEL, buf, NULL), NEBRA_E_ARGUMENT);
+    EXPECT(nebra_token_login(NULL, right, len), NEBRA_E_HANDLE);
+    EXPECT(nebra_token_login(token, right, 0), NEBRA_E_ARGUMENT);
+    EXPECT(nebra_token_harvest(NULL, &list), NEBRA_E_HANDLE);
+    EXPECT(nebra_sync(NULL, "csp", stores, 0, &list), NEBRA_E_HANDLE);
+    EXPECT(nebra_list_count(list, &n), NEBRA_OK), CHECK(n == 0);
+    EXPECT(nebra_list_free(list), NEBRA_OK);
+    EXPECT(nebra_token_open(NULL, &again), NEBRA_E_ARGUMENT);
+    EXPECT(nebra_token_open(module, NULL), NEBRA_E_ARGUMENT);
+    EXPECT(nebra_list_free(NULL), NEBRA_OK);
+    EXPECT(nebra_token_free(NULL), NEBRA_OK);
+    EXPECT(nebra_status_free(NULL), NEBRA_OK);
     /* handles of another kind, or never handed out */
-    bad += expect("a token as a list", nebra_list_count((nebra_list*)(void*)token, &n),
-                  NEBRA_E_HANDLE);
-    bad += expect("a list as a token", nebra_token_info((nebra_token*)(void*)info, &list),
-                  NEBRA_E_HANDLE);
-    bad += expect("a list never handed out", nebra_list_count((nebra_list*)(void*)buf, &n),
-                  NEBRA_E_HANDLE);
-
-    /* a buffer too small: nothing copied, the size needed told; then that size is enough */
-    bad += expect("the label's size", nebra_list_get(info, 0, NEBRA_FIELD_LABEL, NULL, &need),
-                  NEBRA_OK);
+    EXPECT(nebra_list_count((nebra_list*)(void*)token, &n), NEBRA_E_HANDLE);
+    EXPECT(nebra_token_info((nebra_token*)(void*)info, &list), NEBRA_E_HANDLE);
+    EXPECT(nebra_list_count((nebra_list*)(void*)buf, &n), NEBRA_E_HANDLE);
+    /* a buffer too small: nothing copied and the size needed told; then that size is enough */
+    EXPECT(nebra_list_get(info, 0, NEBRA_FIELD_LABEL, NULL, &need), NEBRA_OK);
+    CHECK(need > 0 && need < sizeof buf);
     size = need - 1;
-    bad += check("the label has 1 to 255 bytes", need > 0 && need < sizeof buf);
-    bad += expect("label into a buffer 1 byte short",
-                  nebra_list_get(info, 0, NEBRA_FIELD_LABEL, buf, &size), NEBRA_E_BUFFER_SMALL);
-    bad += check("size needed told, nothing copied", size == need && buf[0] == '#');
-    bad += expect("label into a buffer of that size",
-                  nebra_list_get(info, 0, NEBRA_FIELD_LABEL, buf, &size), NEBRA_OK);
-    bad += check("label copied, no byte past it",
-                 size == need && buf[0] != '#' && need < sizeof buf && buf[need] == '#');
-
+    EXPECT(nebra_list_get(info, 0, NEBRA_FIELD_LABEL, buf, &size), NEBRA_E_BUFFER_SMALL);
+    CHECK(size == need && buf[0] == '#');
+    EXPECT(nebra_list_get(info, 0, NEBRA_FIELD_LABEL, buf, &size), NEBRA_OK);
+    CHECK(size == need && buf[0] != '#' && buf[need - 1] != '#' && buf[need] == '#');
     /* fields and rows a list does not have */
-    bad += expect("unknown field 999", nebra_list_get(info, 0, 999, buf, &size), NEBRA_E_ARGUMENT);
-    bad += expect("field 0", nebra_list_get(info, 0, 0, buf, &size), NEBRA_E_ARGUMENT);
-    bad += expect("DER of a token row", nebra_list_get(info, 0, NEBRA_FIELD_DER, buf, &size),
-                  NEBRA_E_ARGUMENT);
-    bad += expect("row past the end", nebra_list_get(info, 1, NEBRA_FIELD_LABEL, buf, &size),
-                  NEBRA_E_ARGUMENT);
-
-    /* text that is not UTF-8, wherever text comes in */
-    bad += expect("store \\xff", nebra_store_list("\xff", NULL, &list), NEBRA_E_UTF8);
-    bad +=
-        expect("module with an overlong '/'", nebra_token_open("\xc0\xaf", &again), NEBRA_E_UTF8);
-    bad += expect("provider with a surrogate", nebra_remove_provider(NULL, "\xed\xa0\x80", &n),
-                  NEBRA_E_UTF8);
-    bad += expect("token URI cut mid-character",
-                  nebra_remove_token(NULL, "csp", "pkcs11:token=\xe2\x82", &list), NEBRA_E_UTF8);
-    bad += expect("free what those left", nebra_list_free(list), NEBRA_OK);
-
+    EXPECT(nebra_list_get(info, 0, 999, buf, &size), NEBRA_E_ARGUMENT);
+    EXPECT(nebra_list_get(info, 0, 0, buf, &size), NEBRA_E_ARGUMENT);
+    EXPECT(nebra_list_get(info, 0, NEBRA_FIELD_DER, buf, &size), NEBRA_E_ARGUMENT);
+    EXPECT(nebra_list_get(info, 1, NEBRA_FIELD_LABEL, buf, &size), NEBRA_E_ARGUMENT);
+    /* text that is not UTF-8: a stray byte, an overlong '/', a surrogate, a cut sequence */
+    EXPECT(nebra_store_list("\xff", NULL, &list), NEBRA_E_UTF8);
+    EXPECT(nebra_token_open("\xc0\xaf", &again), NEBRA_E_UTF8);
+    EXPECT(nebra_remove_provider(NULL, "\xed\xa0\x80", &n), NEBRA_E_UTF8);
+    EXPECT(nebra_remove_token(NULL, "csp", "pkcs11:token=\xe2\x82", &list), NEBRA_E_UTF8);
+    EXPECT(nebra_list_free(list), NEBRA_OK);
     /* a wrong PIN; then no PIN goes to the token again in this process, on any handle */
-    bad +=
-        expect_refused("wrong PIN", nebra_token_login(token, (const uint8_t*)wrong, strlen(wrong)));
-    bad += expect("right PIN after it", nebra_token_login(token, pin_bytes, strlen(pin)),
-                  NEBRA_E_PIN_WITHHELD);
-    bad += expect("open the token again", nebra_token_open(module, &again), NEBRA_OK);
-    bad += expect("right PIN on the new handle", nebra_token_login(again, pin_bytes, strlen(pin)),
-                  NEBRA_E_PIN_WITHHELD);
-
+    bad += refused(nebra_token_login(token, (const uint8_t*)wrong, strlen(wrong)));
+    EXPECT(nebra_token_login(token, right, len), NEBRA_E_PIN_WITHHELD);
+    EXPECT(nebra_token_open(module, &again), NEBRA_OK);
+    EXPECT(nebra_token_login(again, right, len), NEBRA_E_PIN_WITHHELD);
     /* handles freed twice, and used after their free */
-    bad += expect("free the list", nebra_list_free(info), NEBRA_OK);
-    bad += expect("free the list again", nebra_list_free(info), NEBRA_E_HANDLE);
-    bad += expect("count of a freed list", nebra_list_count(info, &n), NEBRA_E_HANDLE);
-    bad += expect("free the token", nebra_token_free(token), NEBRA_OK);
-    bad += expect("free the token again", nebra_token_free(token), NEBRA_E_HANDLE);
-    bad += expect("harvest of a freed token", nebra_token_harvest(token, &list), NEBRA_E_HANDLE);
-    bad += expect("free the second token", nebra_token_free(again), NEBRA_OK);
+    EXPECT(nebra_list_free(info), NEBRA_OK);
+    EXPECT(nebra_list_free(info), NEBRA_E_HANDLE);
+    EXPECT(nebra_list_count(info, &n), NEBRA_E_HANDLE);
+    EXPECT(nebra_token_free(token), NEBRA_OK);
+    EXPECT(nebra_token_free(token), NEBRA_E_HANDLE);
+    EXPECT(nebra_token_harvest(token, &list), NEBRA_E_HANDLE);
+    EXPECT(nebra_token_free(again), NEBRA_OK);
     st = nebra_store_list("\xff", NULL, &list);
-    bad += expect("free a status", nebra_status_free(st), NEBRA_OK);
-    bad += expect("free the status again", nebra_status_free(st), NEBRA_E_HANDLE);
+    EXPECT(nebra_status_free(st), NEBRA_OK);
+    EXPECT(nebra_status_free(st), NEBRA_E_HANDLE);
     printf("%d edge case(s) failed\n", bad);
     return bad ? 1 : 0;
 }
 
 int main(int argc, char** argv) {
     const char* pin = getenv("NEBRA_PIN");
-    out_t o = {NULL, 0, 0, 0};
-    int rc = 0;
-    if (argc == 3 && !strcmp(argv[1], "--edge")) return edge_cases(argv[2], pin ? pin : "");
+    out_t o = {NULL, 0, 0};
+    int rc = 0, i, started[2];
+    job_t jobs[2];
+    pthread_t threads[2];
     if (argc != 4 && !(argc == 3 && !strcmp(argv[1], "--token")) &&
+        !(argc == 3 && !strcmp(argv[1], "--edge")) &&
         !(argc == 7 && !strcmp(argv[1], "--threads"))) {
         fprintf(stderr,
                 "usage: nebra_sync MODULE CSP STORE\n"
@@ -409,31 +387,21 @@ int main(int argc, char** argv) {
                 "The PIN is read from the environment variable NEBRA_PIN.\n");
         return 2;
     }
-    if (!pin) {
-        fprintf(stderr, "NEBRA_PIN is not set\n");
-        return 1;
-    }
-    if (argc == 3) {
-        rc = use_token(argv[2], pin, NULL, NULL, &o);
-    } else if (argc == 4) {
+    if (!pin) return fputs("NEBRA_PIN is not set\n", stderr), 1;
+    if (argc == 3 && !strcmp(argv[1], "--edge")) return edge_cases(argv[2], pin);
+    if (argc == 3) rc = use_token(argv[2], pin, NULL, NULL, &o);
+    if (argc == 4)
         rc = use_token(argv[1], pin, argv[2], argv[3], NULL) || list_json(&o, argv[3], argv[2]);
-    } else {
-        job_t jobs[2] = {{NULL, NULL, NULL, NULL, 0}, {NULL, NULL, NULL, NULL, 0}};
-        pthread_t threads[2];
-        int i, started[2] = {0, 0};
+    if (argc == 7) {
         for (i = 0; i < 2; ++i) {
             job_t j = {argv[2 + i], argv[4], argv[5 + i], pin, 1};
             jobs[i] = j;
             started[i] = !pthread_create(&threads[i], NULL, run_job, &jobs[i]);
-            if (!started[i]) fprintf(stderr, "cannot start a thread\n");
+            if (!started[i]) fputs("cannot start a thread\n", stderr);
         }
-        for (i = 0; i < 2; ++i) {
-            if (started[i]) pthread_join(threads[i], NULL);
-            rc |= jobs[i].rc;
-        }
+        for (i = 0; i < 2; ++i) rc |= !started[i] || pthread_join(threads[i], NULL) || jobs[i].rc;
         for (i = 0; i < 2 && !rc; ++i) rc = list_json(&o, argv[5 + i], argv[4]);
     }
-    if (o.oom) rc = 1, fprintf(stderr, "out of memory for the output\n");
     if (!rc) fwrite(o.p, 1, o.n, stdout);
     free(o.p);
     return rc || fflush(stdout) ? 1 : 0;
