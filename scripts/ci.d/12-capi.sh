@@ -14,11 +14,12 @@ BUILD=${NEBRA_BUILD:-$ROOT/build}
 ASAN=${NEBRA_BUILD_ASAN:-$ROOT/build-asan}
 . scripts/softhsm.sh
 fail() { echo "FAILED: $*"; exit 1; }
-cmake --build "$BUILD" --target nebralib nebra nebra_tokenprep >/dev/null
-cmake --build "$ASAN" --target nebralib >/dev/null
-TSAN=$(bash scripts/tsan-build.sh nebralib 2>/dev/null | tail -n 1)
 work=$(scratch_dir)
 trap 'rm -rf "$work"' EXIT
+cmake --build "$BUILD" --target nebralib nebra nebra_tokenprep >/dev/null
+cmake --build "$ASAN" --target nebralib >/dev/null
+TSAN=$(bash scripts/tsan-build.sh nebralib 2>"$work/tsan.log" | tail -n 1) ||
+  { cat "$work/tsan.log"; fail "the ThreadSanitizer build failed"; }
 NEBRA=$BUILD/bin/nebra
 
 # The library and what building against it needs, installed as the runtime and dev packages hold
