@@ -58,11 +58,13 @@ def _candidates():
 def _load():
     tried = []
     for path in _candidates():
-        if os.path.isabs(path) and not os.path.exists(path):
-            tried.append(path + ": no such file")
-            continue
+        if os.path.isabs(path):
+            if not os.path.exists(path):
+                tried.append(path + ": no such file")
+                continue
+            path = os.path.realpath(path)  # ".." as the system resolves it, for library_path
         try:
-            return ctypes.CDLL(os.path.normpath(path) if os.path.isabs(path) else path), path
+            return ctypes.CDLL(path), path
         except OSError as e:
             tried.append(f"{path}: {e}")
     raise ImportError("cannot load the nebralib library (set NEBRALIB_LIBRARY to its file): "
