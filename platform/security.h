@@ -129,6 +129,8 @@ NEBRALIB_EXPORT void install(Api* replacement);
 // The text of a path as the wide (UTF-16) text the operations above take. On Linux, bytes of a
 // file name that are not UTF-8 are carried as U+DC80..U+DCFF and restored by the operations.
 NEBRALIB_EXPORT std::wstring widePath(const boost::filesystem::path& path);
+// The path named by UTF-8 text (UTF-16 on Windows, the bytes themselves on Linux).
+NEBRALIB_EXPORT boost::filesystem::path pathFromUtf8(const std::string& utf8);
 
 // "S-1-15-2-1" for a valid SID of at most `length` bytes; empty text otherwise.
 NEBRALIB_EXPORT std::string sidToString(const void* sid, std::size_t length);

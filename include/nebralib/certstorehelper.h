@@ -16,7 +16,6 @@
 #include "nebralib/buffer/buffer.h"
 #include "nebralib/certitem.h"
 #include "nebralib/export.h"
-#include "nebralib/tokens.h"
 
 namespace pkcs11 {
 namespace certstoreupdater {
@@ -85,37 +84,10 @@ public:
     // `requireKeyProvInfo`, certificates without key provider information are left out.
     std::unique_ptr<CertMap> listCertsByCsp(const std::wstring& csp, bool requireKeyProvInfo) const;
 
-    // Beside the operations above: the tokens a certificate was written from, recorded in the
-    // property kTokenIdentityPropId (layout in nebralib/tokens.h) next to the CSP reference.
-    // Certificates written without it (before tokens were recorded, or through the operations
-    // above alone, as a host program does) carry none: they belong to no token, and token-scoped
-    // pruning and removal never touch them. Only recordTokenIdentity gives one a token.
-    struct TokenCertificate {
-        std::wstring container;  // first line of the CSP reference
-        asn1::Certificate certificate;
-        std::vector<TokenIdentity> tokens;  // empty when none is recorded or it does not decode
-        bool unreadable = false;  // a token record is there but does not decode: left alone
-    };
-    // Adds `token` to the identities recorded on this certificate of the store, unless it is
-    // there already. A record that does not decode (damaged, or of a newer layout) is never
-    // overwritten. Raises CertStoreUpdaterError_SetTokenIdentityFailed when the property cannot
-    // be written.
-    enum class Record { Added, AlreadyRecorded, NotInStore, Unreadable };
-    Record recordTokenIdentity(const asn1::Certificate& cert, const TokenIdentity& token);
-    // Every certificate whose CSP reference names `csp` (any CSP when empty), in store order,
-    // with its container and recorded tokens; unlike listCertsByCsp, one container may appear
-    // several times (two tokens using the same key identifiers).
-    std::vector<TokenCertificate> listTokenCertificates(const std::wstring& csp) const;
-    // Takes `token` off this certificate's recorded identities; when none is left, the
-    // certificate is deleted (deleteCertificate). A certificate that does not record `token` is
-    // left as it is.
-    enum class Release { NotRecorded, Unlinked, Deleted };
-    Release releaseTokenCertificate(const asn1::Certificate& cert, const TokenIdentity& token);
-
 private:
-    // The decoded token identities of a context (empty when absent or undecodable; then
-    // `unreadable` tells which).
-    std::vector<TokenIdentity> tokenIdentities(const void* ctx, bool* unreadable = nullptr) const;
+    // Records and reads the tokens a certificate came from, beside these operations.
+    friend class TokenStore;
+
     // Reads property `propId` of a context of this store into `value`: false when absent;
     // raises CertStoreUpdaterError_GetCertContextPropertyFailed when present but unreadable.
     bool getCertContextProperty(const void* ctx, std::uint32_t propId,

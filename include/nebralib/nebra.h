@@ -54,8 +54,7 @@ typedef struct nebra_list nebra_list;
 #define NEBRA_E_UTF8 5           /* text passed in is not UTF-8 */
 #define NEBRA_E_PIN_WITHHELD 6   /* no PIN was sent: the token is locked, at its final try, or */
                                  /* refused a PIN before in this process */
-#define NEBRA_E_NO_TOKEN 7       /* the module shows no token (no reader, or no card in it) */
-#define NEBRA_E_FAILED 8         /* anything else (out of memory, an unexpected failure) */
+#define NEBRA_E_FAILED 7         /* anything else (out of memory, an unexpected failure) */
 
 /* The library's version ("1.2.3") and the ABI version it was built with. */
 NEBRA_API const char* nebra_version(void);
@@ -94,7 +93,7 @@ NEBRA_API nebra_status* nebra_status_free(nebra_status* status);
 #define NEBRA_FIELD_DER 9          /* bytes: the certificate */
 #define NEBRA_FIELD_SUBJECT 10     /* text */
 #define NEBRA_FIELD_ISSUER 11      /* text */
-#define NEBRA_FIELD_NOT_BEFORE 12  /* text: YYYY-MM-DDTHH:MM:SSZ */
+#define NEBRA_FIELD_NOT_BEFORE 12  /* text: YYYY-MM-DD HH:MM:SS, UTC */
 #define NEBRA_FIELD_NOT_AFTER 13   /* text */
 #define NEBRA_FIELD_STORE 14       /* text: a store name */
 #define NEBRA_FIELD_CHANGE 15      /* text: what a sync did to a certificate (see nebra_sync) */
@@ -175,7 +174,8 @@ NEBRA_API nebra_status* nebra_verify_file(const char* path);
 /* Grants ALL APPLICATION PACKAGES (S-1-15-2-1) read access to a file, or to a folder and
  * everything in it (recursive non-zero). */
 NEBRA_API nebra_status* nebra_grant_app_access(const char* path, int32_t recursive);
-/* *granted becomes 1 when the file's DACL gives ALL APPLICATION PACKAGES read access, else 0. */
+/* *granted becomes 1 when an entry of the file's DACL names ALL APPLICATION PACKAGES (as a grant
+ * leaves it), else 0. */
 NEBRA_API nebra_status* nebra_has_app_access(const char* path, int32_t* granted);
 
 #ifdef __cplusplus

@@ -27,18 +27,6 @@ public:
     // CertStoreUpdaterError_TokenNotInitialized when the token's user PIN is not initialised.
     void login(const buffer::Buffer<unsigned char>& pin);
 
-    // Beside the first-slot rule above: keeps only the slots whose token matches the path
-    // attributes of `token` (label, serial, manufacturer, model), so that login, tokenInfo and
-    // the reads use the first matching token. Raises CertStoreUpdaterError_TokenNotPresent when
-    // no slot holds a token and CertStoreUpdaterError_TokenNotFound ("URI", "TOKENS": the URIs
-    // of the tokens present) when none matches; the module is then unloaded again.
-    Pkcs11Helper(const std::string& libraryPath, const Pkcs11Uri& token);
-    // The token info of the slot that login uses.
-    CkTokenInfo tokenInfo() const;
-    // As login, but C_Login gets no PIN: for a token whose info carries
-    // CKF_PROTECTED_AUTHENTICATION_PATH, the reader asks for the PIN on its own keypad.
-    void loginProtected();
-
     // Every token certificate, sorted into root / CA / with private key / other.
     std::unique_ptr<CertListPackage> getAllCerts();
     // The certificates whose CKA_ID matches a private key's, whatever else they are.
@@ -47,6 +35,9 @@ public:
     std::unique_ptr<CertMap> getOtherCerts();
 
 private:
+    // Chooses a token by URI, reads its token information and logs in on its PIN pad.
+    friend class TokenSession;
+
     void openSession(const buffer::Buffer<unsigned char>* pin);
 
     CkLibrary library;

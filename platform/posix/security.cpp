@@ -237,6 +237,10 @@ Api& native() {
     return instance;
 }
 
+boost::filesystem::path pathFromUtf8(const std::string& utf8) {
+    return boost::filesystem::path(utf8);
+}
+
 std::wstring widePath(const boost::filesystem::path& path) {
     // UTF-8 to UTF-16; a byte that does not start a valid sequence stands for itself as
     // U+DC80..U+DCFF, so that every file name survives the round trip.

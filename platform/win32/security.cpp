@@ -3,6 +3,7 @@
 
 #include <cstddef>
 
+#include "nebralib/buffer/codecs.h"
 #include "platform/security.h"
 
 namespace platform {
@@ -109,6 +110,10 @@ Api& native() {
 
 std::wstring widePath(const boost::filesystem::path& path) {
     return path.native();
+}
+
+boost::filesystem::path pathFromUtf8(const std::string& utf8) {
+    return boost::filesystem::path(buffer::fromUtf8(utf8));
 }
 
 }  // namespace security

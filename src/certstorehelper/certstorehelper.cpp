@@ -6,55 +6,15 @@
 #include "nebralib/events/certstoreupdatererror.h"
 #include "platform/certstore.h"
 #include "platform/providers.h"
+#include "src/certstorehelper/storeparts.h"
 
 namespace pkcs11 {
 namespace certstoreupdater {
 
 namespace cs = platform::certstore;
+using namespace storeparts;
 
-namespace {
-
-// Source text of every event raised here; each raise site's line is a constant beside it.
-buffer::Buffer<wchar_t> sourceFile() {
-    return buffer::Buffer<wchar_t>(L"src\\certstorehelper");
-}
-
-constexpr std::uint32_t kProvRsaFull = 1;  // the provider type every binding is written with
-
-// Frees a certificate context when it goes out of scope, whatever the way out. Contexts are
-// always freed, also after a failure: the platform only writes a store back (and the Linux store
-// only commits an addition with its properties) once every reference is released.
-class ContextGuard {
-public:
-    ContextGuard(cs::Api& api, cs::Cert ctx) : api_(api), ctx_(ctx) {}
-    ~ContextGuard() {
-        if (ctx_) api_.freeContext(ctx_);
-    }
-    ContextGuard(const ContextGuard&) = delete;
-    ContextGuard& operator=(const ContextGuard&) = delete;
-    cs::Cert get() const { return ctx_; }
-    // Hands the context over to the caller, who frees it.
-    cs::Cert release() {
-        cs::Cert ctx = ctx_;
-        ctx_ = nullptr;
-        return ctx;
-    }
-    // Takes over `ctx` without freeing the current one (enumeration has released it already).
-    void replace(cs::Cert ctx) { ctx_ = ctx; }
-
-private:
-    cs::Api& api_;
-    cs::Cert ctx_;
-};
-
-// The CSP reference text "container LF csp LF" read back: the value is decoded from UTF-8, cut at
-// its first zero unit, and split by two line reads (a missing line reads as empty).
-struct CspReference {
-    std::wstring container;
-    std::wstring csp;
-};
-
-CspReference parseCspReference(const buffer::Buffer<unsigned char>& value) {
+CspReference storeparts::parseCspReference(const buffer::Buffer<unsigned char>& value) {
     buffer::Buffer<wchar_t> text = buffer::Utf8Decoder::decode(value);
     std::size_t end = 0;
     while (end < text.size() && text[end] != 0) ++end;
@@ -72,6 +32,10 @@ CspReference parseCspReference(const buffer::Buffer<unsigned char>& value) {
     }
     return ref;
 }
+
+namespace {
+
+constexpr std::uint32_t kProvRsaFull = 1;  // the provider type every binding is written with
 
 buffer::Buffer<unsigned char> cspReferenceBytes(const std::wstring& container,
                                                 const std::wstring& csp) {
@@ -94,12 +58,6 @@ buffer::Buffer<unsigned char> utf16WithZero(const std::wstring& text) {
     out.append(static_cast<unsigned char>(0));
     out.append(static_cast<unsigned char>(0));
     return out;
-}
-
-// A temporary context for `cert`, to search the store with.
-cs::Cert temporaryContext(cs::Api& api, const asn1::Certificate& cert) {
-    const buffer::Buffer<unsigned char>& der = cert.der();
-    return api.createContext(der.data(), der.size());
 }
 
 }  // namespace
@@ -406,95 +364,6 @@ std::unique_ptr<CertMap> CertStoreHelper::listCertsByCsp(const std::wstring& csp
         cursor.replace(api.enumCertificates(store, ctx));
     }
     return result;
-}
-
-// --- token identities ----------------------------------------------------------------------
-
-constexpr int kLineSetTokenIdentity = 610;
-
-std::vector<TokenIdentity> CertStoreHelper::tokenIdentities(const void* ctx,
-                                                            bool* unreadable) const {
-    std::vector<TokenIdentity> tokens;
-    buffer::Buffer<unsigned char> value;
-    bool bad = getCertContextProperty(ctx, kTokenIdentityPropId, value) &&
-               !decodeTokenIdentities(value.data(), value.size(), tokens);
-    if (bad) tokens.clear();
-    if (unreadable) *unreadable = bad;
-    return tokens;
-}
-
-CertStoreHelper::Record CertStoreHelper::recordTokenIdentity(const asn1::Certificate& cert,
-                                                             const TokenIdentity& token) {
-    cs::Api& api = cs::api();
-    ContextGuard temporary(api, temporaryContext(api, cert));
-    if (!temporary.get()) return Record::NotInStore;
-    ContextGuard found(api, api.findExisting(store, temporary.get()));
-    if (!found.get()) return Record::NotInStore;
-    bool unreadable = false;
-    std::vector<TokenIdentity> tokens = tokenIdentities(found.get(), &unreadable);
-    if (unreadable) return Record::Unreadable;
-    for (const TokenIdentity& t : tokens)
-        if (t == token) return Record::AlreadyRecorded;
-    tokens.push_back(token);
-    buffer::Buffer<unsigned char> bytes = encodeTokenIdentities(tokens);
-    if (!api.setProperty(found.get(), kTokenIdentityPropId, bytes.data(), bytes.size()))
-        throw CertStoreUpdaterError_SetTokenIdentityFailed(sourceFile(), kLineSetTokenIdentity);
-    return Record::Added;
-}
-
-std::vector<CertStoreHelper::TokenCertificate> CertStoreHelper::listTokenCertificates(
-    const std::wstring& csp) const {
-    cs::Api& api = cs::api();
-    std::vector<TokenCertificate> result;
-    ContextGuard cursor(api, api.enumCertificates(store, nullptr));
-    while (cursor.get()) {
-        cs::Cert ctx = cursor.get();
-        buffer::Buffer<unsigned char> value;
-        if (getCertContextProperty(ctx, kCspReferencePropId, value)) {
-            CspReference ref = parseCspReference(value);
-            if (csp.empty() || csp == ref.csp) {
-                std::size_t size = 0;
-                const unsigned char* der = api.encoded(ctx, &size);
-                TokenCertificate tc{ref.container,
-                                    asn1::Certificate(buffer::Buffer<unsigned char>(der, size)),
-                                    {},
-                                    false};
-                tc.tokens = tokenIdentities(ctx, &tc.unreadable);
-                result.push_back(std::move(tc));
-            }
-        }
-        cursor.replace(api.enumCertificates(store, ctx));
-    }
-    return result;
-}
-
-CertStoreHelper::Release CertStoreHelper::releaseTokenCertificate(const asn1::Certificate& cert,
-                                                                  const TokenIdentity& token) {
-    cs::Api& api = cs::api();
-    std::vector<TokenIdentity> rest;
-    bool recorded = false;
-    {
-        ContextGuard temporary(api, temporaryContext(api, cert));
-        if (!temporary.get()) return Release::NotRecorded;
-        ContextGuard found(api, api.findExisting(store, temporary.get()));
-        if (!found.get()) return Release::NotRecorded;
-        for (TokenIdentity& t : tokenIdentities(found.get())) {
-            if (t == token)
-                recorded = true;
-            else
-                rest.push_back(std::move(t));
-        }
-        if (!recorded) return Release::NotRecorded;
-        if (!rest.empty()) {
-            buffer::Buffer<unsigned char> bytes = encodeTokenIdentities(rest);
-            if (!api.setProperty(found.get(), kTokenIdentityPropId, bytes.data(), bytes.size()))
-                throw CertStoreUpdaterError_SetTokenIdentityFailed(sourceFile(),
-                                                                   kLineSetTokenIdentity);
-            return Release::Unlinked;
-        }
-    }
-    deleteCertificate(cert);
-    return Release::Deleted;
 }
 
 }  // namespace certstoreupdater

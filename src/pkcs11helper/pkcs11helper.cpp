@@ -9,7 +9,6 @@ namespace {
 constexpr const wchar_t* kSource = L"src\\pkcs11helper";
 constexpr int kLineTokenNotPresent = 42;
 constexpr int kLineTokenNotInitialized = 59;
-constexpr int kLineTokenNotFound = 140;
 
 // Closes a session that is being given up; events are dropped so the first error stands.
 void closeQuietly(CkSession& s) {
@@ -43,28 +42,6 @@ Pkcs11Helper::Pkcs11Helper(const std::string& libraryPath)
     guard.armed = false;
 }
 
-// Once the first-slot constructor has finished, a failure here runs the destructor, which
-// unloads the module again.
-Pkcs11Helper::Pkcs11Helper(const std::string& libraryPath, const Pkcs11Uri& token)
-    : Pkcs11Helper(libraryPath) {
-    std::wstring present;
-    slots->retain([&](const CkSlot& slot) {
-        TokenIdentity id = TokenIdentity::of(CkToken(slot).info());
-        if (token.matches(id)) return true;
-        present += (present.empty() ? L"" : L" ") + buffer::fromUtf8(id.uri());
-        return false;
-    });
-    if (slots->empty())
-        throw CertStoreUpdaterError_TokenNotFound(buffer::Buffer<wchar_t>(kSource),
-                                                  kLineTokenNotFound)
-            .setParam(L"URI", buffer::Buffer<wchar_t>(buffer::fromUtf8(token.text())))
-            .setParam(L"TOKENS", buffer::Buffer<wchar_t>(present));
-}
-
-CkTokenInfo Pkcs11Helper::tokenInfo() const {
-    return CkToken((*slots)[0]).info();
-}
-
 Pkcs11Helper::~Pkcs11Helper() {
     if (session) {
         if (session->closeOnDestruction() && session->handle()) {
@@ -82,10 +59,6 @@ Pkcs11Helper::~Pkcs11Helper() {
 
 void Pkcs11Helper::login(const buffer::Buffer<unsigned char>& pin) {
     openSession(&pin);
-}
-
-void Pkcs11Helper::loginProtected() {
-    openSession(nullptr);
 }
 
 void Pkcs11Helper::openSession(const buffer::Buffer<unsigned char>* pin) {

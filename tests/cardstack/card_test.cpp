@@ -136,8 +136,10 @@ TEST_F(Cards, EachCardFromTokenToStore) {
         EXPECT_TRUE(contains(shown.out, "{\"token\":{\"label\":\"" + label + "\""));
         std::unique_ptr<CertListPackage> read;
         {
-            pkcs11::certstoreupdater::Pkcs11Helper p11(
-                kModule, pkcs11::certstoreupdater::Pkcs11Uri::parse("pkcs11:" + paths[card - 1]));
+            pkcs11::certstoreupdater::TokenChoice chosen{
+                kModule, true,
+                pkcs11::certstoreupdater::Pkcs11Uri::parse("pkcs11:" + paths[card - 1])};
+            pkcs11::certstoreupdater::TokenSession p11(chosen);
             p11.login(nebratest::raw(std::getenv("PIN")));
             read = p11.getAllCerts();
         }
@@ -160,8 +162,9 @@ TEST_F(Cards, EachCardFromTokenToStore) {
             EXPECT_TRUE(
                 contains(again.out, line + "0 added, " + std::to_string(k ? 1 : 0) + " unchanged"));
             const CertMap& got = (*read).*g.certs;
-            auto stored =
-                pkcs11::certstoreupdater::CertStoreHelper(g.store).listTokenCertificates(L"Card");
+            auto stored = pkcs11::certstoreupdater::TokenStore(
+                              pkcs11::certstoreupdater::CertStoreHelper(g.store))
+                              .listTokenCertificates(L"Card");
             ASSERT_EQ(got.size(), k ? 1u : 0u) << g.name;
             ASSERT_EQ(stored.size(), k ? 1u : 0u) << g.name;
             if (!k) continue;
@@ -184,7 +187,8 @@ TEST_F(Cards, WatchFollowsEachCardAndLeavesTheCardsAloneWhenIdle) {
     auto stored = [] {  // the labels of the tokens whose certificates are in MY, sorted
         std::set<std::string> labels;
         for (const auto& c :
-             pkcs11::certstoreupdater::CertStoreHelper(L"MY").listTokenCertificates(L"Card"))
+             pkcs11::certstoreupdater::TokenStore(pkcs11::certstoreupdater::CertStoreHelper(L"MY"))
+                 .listTokenCertificates(L"Card"))
             for (const auto& t : c.tokens) labels.insert(nebratest::u8(t.label) + ";");
         std::string all;
         for (const std::string& l : labels) all += l;

@@ -509,14 +509,16 @@ TEST_F(Helper, EveryFailingStoreCallRaisesItsEventAndKeepsWhatWasDone) {
     using pkcs11::certstoreupdater::TokenIdentity;
     const TokenIdentity a{L"M", L"m", L"1", L"a"}, b{L"M", L"m", L"2", L"b"};
     adds(L"T", L"", "alice")();
-    auto tokens = [&] { return h_->listTokenCertificates(L"P").at(0).tokens.size(); };
+    auto tokens = [&] { return TokenStore(*h_).listTokenCertificates(L"P").at(0).tokens.size(); };
     faults.fail(F::SetProp, 5, pkcs11::certstoreupdater::kTokenIdentityPropId);
-    raises([&] { h_->recordTokenIdentity(cert("alice"), a); }, "SetTokenIdentityFailed", 610);
+    raises([&] { TokenStore(*h_).recordTokenIdentity(cert("alice"), a); }, "SetTokenIdentityFailed",
+           610);
     EXPECT_EQ(tokens(), 0u);
-    h_->recordTokenIdentity(cert("alice"), a);
-    h_->recordTokenIdentity(cert("alice"), b);
+    TokenStore(*h_).recordTokenIdentity(cert("alice"), a);
+    TokenStore(*h_).recordTokenIdentity(cert("alice"), b);
     faults.fail(F::SetProp, 5, pkcs11::certstoreupdater::kTokenIdentityPropId);
-    raises([&] { h_->releaseTokenCertificate(cert("alice"), a); }, "SetTokenIdentityFailed", 610);
+    raises([&] { TokenStore(*h_).releaseTokenCertificate(cert("alice"), a); },
+           "SetTokenIdentityFailed", 610);
     EXPECT_EQ(tokens(), 2u);
 }
 

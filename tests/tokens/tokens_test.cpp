@@ -58,16 +58,18 @@ TEST_F(TwoTokens, EachTokenKeepsItsOwnCertificates) {
     CertStoreHelper store(L"MY");
     asn1::Certificate shared(der[2]);
     pkcs11::certstoreupdater::TokenIdentity twin{L"x", L"y", L"z", L"twin"};
-    EXPECT_EQ(store.recordTokenIdentity(shared, twin), CertStoreHelper::Record::Added);
-    EXPECT_EQ(store.recordTokenIdentity(shared, twin), CertStoreHelper::Record::AlreadyRecorded);
+    EXPECT_EQ(TokenStore(store).recordTokenIdentity(shared, twin), TokenStore::Record::Added);
+    EXPECT_EQ(TokenStore(store).recordTokenIdentity(shared, twin),
+              TokenStore::Record::AlreadyRecorded);
     EXPECT_EQ(stored(), (Lines{"CKAIDHEX:01 cardB+twin+", "CKAIDHEX:09 -"}));
     r = nebra("remove --csp Prov --token 'pkcs11:token=cardB'");
     EXPECT_TRUE(contains(r.out,
                          "Removed 0 certificates of the tokens matching pkcs11:token=cardB "
                          "from store 'MY'; kept 1 that another token has too"));
-    EXPECT_EQ(store.releaseTokenCertificate(shared, twin), CertStoreHelper::Release::Deleted);
+    EXPECT_EQ(TokenStore(store).releaseTokenCertificate(shared, twin),
+              TokenStore::Release::Deleted);
     EXPECT_EQ(stored(), (Lines{"CKAIDHEX:09 -"}));
-    EXPECT_EQ(store.recordTokenIdentity(shared, twin), CertStoreHelper::Record::NotInStore);
+    EXPECT_EQ(TokenStore(store).recordTokenIdentity(shared, twin), TokenStore::Record::NotInStore);
 }
 
 // Sets CKA_ID `to` on every object of the token whose CKA_ID is `from` (certificate and keys),
@@ -196,9 +198,10 @@ TEST_F(TwoTokens, NothingAPresentTokenHoldsIsRemoved) {
     {
         CertStoreHelper twins(L"TWINS");
         twins.addCspCertificate(L"Prov", L"CKAIDHEX:66", L"", asn1::Certificate(der[6]), false);
-        ASSERT_EQ(twins.recordTokenIdentity(asn1::Certificate(der[6]),
-                                            {L"SoftHSM project", L"SoftHSM v2", L"7", L"twin"}),
-                  CertStoreHelper::Record::Added);
+        ASSERT_EQ(
+            TokenStore(twins).recordTokenIdentity(
+                asn1::Certificate(der[6]), {L"SoftHSM project", L"SoftHSM v2", L"7", L"twin"}),
+            TokenStore::Record::Added);
     }
     Outcome twin = nebra("NEBRA_FAULT=SERIAL=7,LABEL=twin sync " + fault +
                          " --store TWINS --csp Prov --pin-env PIN --prune");

@@ -18,6 +18,7 @@ using nebratest::contains;
 using nebratest::count;
 using nebratest::Outcome;
 using pkcs11::certstoreupdater::CertStoreHelper;
+using pkcs11::certstoreupdater::TokenStore;
 
 using Lines = std::vector<std::string>;
 
@@ -56,7 +57,7 @@ protected:
     // no token recorded, "?": a token record that does not decode).
     Lines stored(const wchar_t* store = L"MY") {
         Lines lines;
-        for (const auto& tc : CertStoreHelper(store).listTokenCertificates(L"Prov")) {
+        for (const auto& tc : TokenStore(CertStoreHelper(store)).listTokenCertificates(L"Prov")) {
             std::string line = nebratest::u8(tc.container) + " ";
             for (const auto& t : tc.tokens) line += nebratest::u8(t.label) + "+";
             lines.push_back(tc.unreadable ? line + "?" : tc.tokens.empty() ? line + "-" : line);

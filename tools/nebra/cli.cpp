@@ -255,7 +255,7 @@ int main(int argc, char** argv) {
                                                 : nebra::EventDetail::Sentence);
         return 1;
     } catch (const std::exception& e) {
-        std::cerr << "error: " << e.what() << "\n";
+        std::cerr << "error: " << nebra::shown(e.what()) << "\n";
         return 1;
     }
 }

@@ -3,6 +3,7 @@
 #include <iostream>
 #include <set>
 
+#include "nebralib/tokenstore.h"
 #include "tools/nebra/storecmd.h"
 
 namespace {
@@ -32,10 +33,11 @@ int run(const nebra::Args& args) {
     std::wstring csp = nebra::wideFromUtf8(args.get("csp"));
     std::wstring store = nebra::storeName(args);
     auto helper = nebra::openStore(args);
-    using Entry = pkcs11::certstoreupdater::CertStoreHelper::TokenCertificate;
+    using Entry = pkcs11::certstoreupdater::TokenStore::TokenCertificate;
     // Every certificate with the library's CSP reference (several may share a container), then
     // those bound through key provider information alone, which the by-container map finds.
-    std::vector<Entry> certs = helper->listTokenCertificates(csp);
+    std::vector<Entry> certs =
+        pkcs11::certstoreupdater::TokenStore(*helper).listTokenCertificates(csp);
     std::set<buffer::Buffer<unsigned char>> listed;
     for (const Entry& e : certs) listed.insert(e.certificate.der());
     auto byContainer = helper->listCertsByCsp(csp, false);

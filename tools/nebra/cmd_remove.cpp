@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iostream>
 
+#include "nebralib/tokenstore.h"
 #include "tools/nebra/storecmd.h"
 #include "tools/nebra/syncer.h"
 
@@ -48,7 +49,8 @@ int run(const nebra::Args& args) {
                 " names no token: give at least one of token, serial, manufacturer, model");
         auto helper = nebra::openStore(args);  // a store that cannot be opened is explained here
         std::vector<TokenIdentity> matching;
-        for (const auto& tc : helper->listTokenCertificates(csp))
+        for (const auto& tc :
+             pkcs11::certstoreupdater::TokenStore(*helper).listTokenCertificates(csp))
             for (const TokenIdentity& t : tc.tokens)
                 if (uri.matches(t) &&
                     std::find(matching.begin(), matching.end(), t) == matching.end())
@@ -60,12 +62,11 @@ int run(const nebra::Args& args) {
                                     std::to_string(matching.size()) +
                                     " recorded tokens; name one, or give --all-matching:" + list);
         }
-        nebra::SyncOptions o;
-        o.csp = csp;
-        o.verbose = args.flag("verbose") ? &std::cerr : nullptr;
-        nebra::StoreResult r =
-            nebra::releaseTokens(o, {nebra::utf8(store), "", false},
-                                 [&](const TokenIdentity& t) { return uri.matches(t); });
+        nebra::StoreResult r;
+        nebra::SyncEngine(nebra::syncOptions(csp, args.flag("verbose")))
+            .release(
+                {store, nebra::CertGroup::WithPrivateKey, false},
+                [&](const TokenIdentity& t) { return uri.matches(t); }, r);
         if (!r.skipped.empty())
             std::cerr << "nebra: some certificates were kept: " << r.skipped << "\n";
         std::cout << "Removed " << r.removed.size() << " certificates of the tokens matching "
@@ -77,7 +78,7 @@ int run(const nebra::Args& args) {
     }
     auto helper = nebra::openStore(args);
     std::size_t containers = helper->listCertsByCsp(csp, false)->size();
-    auto before = helper->listTokenCertificates(csp);
+    auto before = pkcs11::certstoreupdater::TokenStore(*helper).listTokenCertificates(csp);
     helper->deleteCspCertificates(csp, args.flag("check-key-info"));
     std::size_t after = helper->listCertsByCsp(csp, false)->size();
     if (args.flag("verbose")) {

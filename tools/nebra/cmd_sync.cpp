@@ -55,26 +55,25 @@ int run(const Args& args) {
                 "pin-env", "pin-file", "timings", "no-pin-pad", "verbose", "adopt"});
     TokenChoice choice = chooseToken(args);
     if (!args.has("csp") || args.get("csp").empty()) throw UsageError("--csp is required");
-    SyncOptions options;
-    options.csp = wideFromUtf8(args.get("csp"));
+    SyncOptions options = syncOptions(wideFromUtf8(args.get("csp")), args.flag("verbose"));
     options.prune = args.flag("prune");
     options.dryRun = args.flag("dry-run");
     options.adopt = args.flag("adopt");
-    options.verbose = args.flag("verbose") ? &std::cerr : nullptr;
     const std::vector<StoreTarget> targets = storeTargets(args);
 
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
-    auto helper = openToken(choice);
-    const TokenIdentity token = TokenIdentity::of(helper->tokenInfo());
-    if (options.verbose) *options.verbose << "token " << token.uri() << "\n";
-    loginToken(*helper, args, choice, std::cerr);
-    auto all = helper->getAllCerts();
+    auto session = openToken(choice);
+    const TokenIdentity token = session->identity();
+    if (options.log) options.log("token " + token.uri());
+    loginToken(*session, args, choice, std::cerr);
+    auto all = session->getAllCerts();
     const Clock::time_point tokenRead = Clock::now();
 
     std::string problem;
-    if (options.prune) problem = identityProblem(token, presentWithIdentity(choice.module, token));
-    std::vector<StoreResult> results = syncToken(options, targets, *all, token, problem);
+    if (options.prune) problem = SyncEngine::identityProblem(token, session->presentWithIdentity());
+    std::vector<StoreResult> results;
+    SyncEngine(options).sync(*all, token, targets, problem, results);
     if (args.flag("timings")) {
         auto ms = [](Clock::duration d) {
             return std::chrono::duration<double, std::milli>(d).count();

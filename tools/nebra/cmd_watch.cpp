@@ -22,7 +22,6 @@
 namespace nebra {
 namespace {
 
-using pkcs11::certstoreupdater::Pkcs11Helper;
 using pkcs11::certstoreupdater::Pkcs11Uri;
 using pkcs11::certstoreupdater::TokenIdentity;
 
@@ -94,7 +93,7 @@ struct Watcher {
     TokenChoice choice;
     SyncOptions options;
     std::vector<StoreTarget> targets;
-    bool json, removeOnRemoval;
+    bool json, removeOnRemoval, verbose;
     std::map<std::string, TokenIdentity> present;  // by URI: synced, or failed this insertion
     std::map<CK_SLOT_ID, std::string> slotOf;      // the URI each slot showed at the last look
     std::set<std::string> ambiguous;               // identities two present tokens reported at once
@@ -122,7 +121,7 @@ struct Watcher {
     static std::string summary(const std::vector<StoreResult>& results) {
         std::ostringstream out;
         for (const StoreResult& r : results)
-            out << (&r == &results[0] ? "" : "; ") << r.store << ": " << r.added.size()
+            out << (&r == &results[0] ? "" : "; ") << utf8(r.store) << ": " << r.added.size()
                 << " added, " << r.unchanged.size() << " unchanged, " << r.removed.size()
                 << " removed";
         return out.str();
@@ -131,17 +130,22 @@ struct Watcher {
     // What went wrong in words; the event itself too with --json or --verbose.
     std::string failure(const orvo::GenericEvent& e) const {
         std::string sentence = explain(e);
-        if (!sentence.empty() && !json && !options.verbose) return sentence;
+        if (!sentence.empty() && !json && !verbose) return sentence;
         return (sentence.empty() ? "" : sentence + " ") + "error: " + eventLine(e);
     }
 
     void sync(const TokenIdentity& t) {
         try {
-            Pkcs11Helper helper(choice.module, Pkcs11Uri::parse(t.uri()));
-            loginToken(helper, args, choice, std::cerr, false, &gStop);
-            auto all = helper.getAllCerts();
-            std::vector<StoreResult> results = syncToken(
-                options, targets, *all, t, identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1));
+            TokenChoice chosen = choice;
+            chosen.byUri = true;
+            chosen.uri = Pkcs11Uri::parse(t.uri());
+            TokenSession session(chosen);
+            loginToken(session, args, choice, std::cerr, false, &gStop);
+            auto all = session.getAllCerts();
+            std::vector<StoreResult> results;
+            SyncEngine(options).sync(
+                *all, t, targets, SyncEngine::identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1),
+                results);
             emit("synced", t, summary(results));
         } catch (const orvo::GenericEvent& e) {
             emit("error", t, failure(e));
@@ -150,8 +154,8 @@ struct Watcher {
             // the same reason is reported once.
             if (withheld[t.uri()] != e.what())
                 emit("error", t, e.what());
-            else if (options.verbose)
-                *options.verbose << "no PIN sent: " << shown(e.what()) << "\n";
+            else if (verbose)
+                std::cerr << "no PIN sent: " << shown(e.what()) << "\n";
             withheld[t.uri()] = e.what();
         } catch (const std::runtime_error& e) {  // a usage problem
             emit("error", t, e.what());
@@ -160,15 +164,17 @@ struct Watcher {
 
     void release(const TokenIdentity& t) {
         std::vector<StoreResult> results;
-        std::string problem = identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1);
+        std::string problem = SyncEngine::identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1);
         if (!problem.empty()) {
             emit("error", t, "its certificates were kept: " + problem);
             return;
         }
         try {
-            for (const StoreTarget& target : targets)
-                results.push_back(releaseTokens(options, target,
-                                                [&](const TokenIdentity& id) { return id == t; }));
+            for (const StoreTarget& target : targets) {
+                results.emplace_back();
+                SyncEngine(options).release(
+                    target, [&](const TokenIdentity& id) { return id == t; }, results.back());
+            }
             emit("released", t, summary(results));
         } catch (const orvo::GenericEvent& e) {
             emit("error", t, failure(e));
@@ -235,7 +241,7 @@ struct Watcher {
             if (present.count(t.first)) continue;
             cameOrWent = true;
             emit("inserted", t.second, "");
-            if (options.verbose) *options.verbose << "token " << t.first << "\n";
+            if (verbose) std::cerr << "token " << t.first << "\n";
             sync(t.second);
         }
         present.swap(now);
@@ -254,15 +260,15 @@ int run(const Args& args) {
               storeTargets(args),
               args.flag("json"),
               false,
+              args.flag("verbose"),
               {},
               {},
               {},
               false,
               {}};
     if (!args.has("csp") || args.get("csp").empty()) throw UsageError("--csp is required");
-    w.options.csp = wideFromUtf8(args.get("csp"));
+    w.options = syncOptions(wideFromUtf8(args.get("csp")), w.verbose);
     w.options.prune = args.flag("prune");
-    w.options.verbose = args.flag("verbose") ? &std::cerr : nullptr;
     std::string onRemoval = args.get("on-removal", "keep");
     if (onRemoval != "keep" && onRemoval != "remove")
         throw UsageError("--on-removal is keep or remove");
@@ -315,8 +321,8 @@ int run(const Args& args) {
                     ~Unload() { r.unload(lib); }
                 } unload{registry, lib};
                 w.poll(lib, true, {});
-                if (w.options.verbose && registry.loadCount(w.choice.module) != 1)
-                    *w.options.verbose << "warning: the module is loaded more than once\n";
+                if (w.verbose && registry.loadCount(w.choice.module) != 1)
+                    std::cerr << "warning: the module is loaded more than once\n";
             } else {
                 if (!loaded) {
                     held = registry.load(w.choice.module);
@@ -360,9 +366,9 @@ int run(const Args& args) {
                 idleEvents = woken == Alarm::Woken::SlotEvent && !cameOrWent ? idleEvents + 1 : 0;
                 if (idleEvents == 5) {
                     events->quit();
-                    if (w.options.verbose)
-                        *w.options.verbose << "the module's slot events bring no change; "
-                                              "looking each interval only\n";
+                    if (w.verbose)
+                        std::cerr << "the module's slot events bring no change; "
+                                     "looking each interval only\n";
                 }
                 events->resume();
                 const CK_RV cannotWait = events->endedWith();
@@ -374,8 +380,7 @@ int run(const Args& args) {
                                  "when loaded again, such as SoftHSM2, needs --reload)\n";
                 }
             }
-            if (w.options.verbose)
-                *w.options.verbose << "poll: " << w.present.size() << " token(s) present\n";
+            if (w.verbose) std::cerr << "poll: " << w.present.size() << " token(s) present\n";
         } catch (const orvo::GenericEvent& e) {
             w.moduleError(w.failure(e));
             // A slot list that cannot be read (the smart-card service stopped or restarted)

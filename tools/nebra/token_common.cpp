@@ -18,76 +18,26 @@
 
 namespace nebra {
 
-using pkcs11::certstoreupdater::Pkcs11Helper;
-using pkcs11::certstoreupdater::Pkcs11Uri;
 using pkcs11::certstoreupdater::TokenIdentity;
-
-namespace {
-// The module file as the platform's loader takes it (the ANSI code page on Windows).
-std::string narrowModulePath(const std::string& path) {
-    std::string narrow;
-    if (!platform::console::narrowPath(path, narrow))
-        throw std::runtime_error("the module path '" + path +
-                                 "' has characters that the system's ANSI code page cannot "
-                                 "express; give the module a path (or short name) without them");
-    return narrow;
-}
-}  // namespace
-
-std::string resolveModule(const std::string& pathOrName) {
-    std::string path = pathOrName;
-    if (path.find('/') == std::string::npos && path.find('\\') == std::string::npos) {
-        std::string found = platform::modules::findRegisteredModule(path);
-        if (!found.empty()) path = found;
-    }
-    return narrowModulePath(path);
-}
 
 TokenChoice chooseToken(const Args& args) {
     if (!args.has("module") || args.get("module").empty()) throw UsageError("--module is required");
-    TokenChoice choice;
     const std::string given = args.get("module");
-    if (!Pkcs11Uri::looksLikeUri(given)) {
-        choice.module = resolveModule(given);
-        return choice;
-    }
-    choice.byUri = true;
-    choice.uri = Pkcs11Uri::parse(given);
-    if (choice.uri.hasQuery("pin-value"))
+    if (pkcs11::certstoreupdater::Pkcs11Uri::looksLikeUri(given) &&
+        pkcs11::certstoreupdater::Pkcs11Uri::parse(given).hasQuery("pin-value"))
         throw UsageError(
             "the URI carries a PIN (pin-value); a PIN is never taken from the command line: use "
             "pin-source=file:FILE, --pin-env VAR or --pin-file FILE");
-    if (choice.uri.hasQuery("module-path")) {
-        choice.module = narrowModulePath(choice.uri.query("module-path"));
-    } else if (choice.uri.hasQuery("module-name")) {
-        choice.module = resolveModule(choice.uri.query("module-name"));
-    } else {
-        throw UsageError("the URI names no module: add ?module-path=FILE or ?module-name=NAME");
+    try {
+        return TokenChoice::parse(given);
+    } catch (const std::invalid_argument& e) {
+        throw UsageError(e.what());
     }
-    return choice;
 }
 
-std::string noTokenReason(const std::string& module) {
-    std::size_t slots = 1;
+std::unique_ptr<TokenSession> openToken(const TokenChoice& choice) {
     try {
-        pkcs11::Libraries& registry = pkcs11::Libraries::instance();
-        pkcs11::CkLibrary lib = registry.load(module);
-        slots = pkcs11::CkSlots(lib, false).size();
-        registry.unload(lib);
-    } catch (const orvo::GenericEvent&) {
-        // The reason is a courtesy; the failure itself is reported anyway.
-    }
-    if (slots == 0)
-        return "no reader was found: the module reports no slot at all, so the smart-card "
-               "service (pcscd) may not be running or no reader is connected";
-    return "no token is present in the module's " + std::to_string(slots) +
-           (slots == 1 ? " slot" : " slots") + ": insert the card";
-}
-
-std::unique_ptr<Pkcs11Helper> openToken(const TokenChoice& choice) {
-    try {
-        if (choice.byUri) return std::make_unique<Pkcs11Helper>(choice.module, choice.uri);
-        return std::make_unique<Pkcs11Helper>(choice.module);
+        return std::make_unique<TokenSession>(choice);
     } catch (const pkcs11::certstoreupdater::CertStoreUpdaterError_TokenNotPresent&) {
         std::cerr << "nebra: " << noTokenReason(choice.module) << "\n";
         throw;
@@ -157,17 +107,11 @@ std::string pinSourcePath(const std::string& source) {
     return rest;
 }
 
-// Tokens that refused a PIN in this process, by URI: none is sent to them again.
-std::set<std::string>& refusedPins() {
-    static std::set<std::string> refused;
-    return refused;
-}
-
 // The PIN-pad login, where the caller may stop waiting for it.
-void keypadLogin(Pkcs11Helper& helper, std::ostream& notice,
+void keypadLogin(TokenSession& helper, const pkcs11::CkTokenInfo& info, std::ostream& notice,
                  const volatile std::sig_atomic_t* stop) {
     if (!stop) {
-        helper.loginProtected();
+        helper.loginProtected(info);
         return;
     }
     struct State {
@@ -175,9 +119,9 @@ void keypadLogin(Pkcs11Helper& helper, std::ostream& notice,
         std::exception_ptr error;
     };
     auto state = std::make_shared<State>();
-    std::thread([&helper, state] {
+    std::thread([&helper, info, state] {
         try {
-            helper.loginProtected();
+            helper.loginProtected(info);
         } catch (...) {
             state->error = std::current_exception();
         }
@@ -199,19 +143,11 @@ void keypadLogin(Pkcs11Helper& helper, std::ostream& notice,
 
 }  // namespace
 
-void loginToken(Pkcs11Helper& helper, const Args& args, const TokenChoice& choice,
+void loginToken(TokenSession& helper, const Args& args, const TokenChoice& choice,
                 std::ostream& notice, bool mayPrompt, const volatile std::sig_atomic_t* stop) {
     pkcs11::CkTokenInfo info = helper.tokenInfo();
-    const std::string uri = TokenIdentity::of(info).uri();
     const std::string label = shown(utf8(info.label));
-    if (refusedPins().count(uri))
-        throw PinWithheld("token \"" + label +
-                          "\" refused the PIN before; it is not sent again, since wrong tries "
-                          "lock the card: start nebra again with the right PIN");
-    if (info.flags & CKF_USER_PIN_LOCKED)
-        throw PinWithheld("the PIN of token \"" + label +
-                          "\" is locked (CKF_USER_PIN_LOCKED); no PIN was sent. Unblock it "
-                          "with the card's PUK or security officer PIN");
+    helper.checkLogin(info, true);
     const bool finalTry = (info.flags & CKF_USER_PIN_FINAL_TRY) != 0;
     if (info.flags & CKF_USER_PIN_COUNT_LOW)
         notice << "warning: token \"" << label
@@ -223,14 +159,10 @@ void loginToken(Pkcs11Helper& helper, const Args& args, const TokenChoice& choic
         notice << "Enter the PIN of token \"" << label
                << "\" on the reader's keypad (--no-pin-pad if it has none).\n";
         notice.flush();
-        keypadLogin(helper, notice, stop);
+        keypadLogin(helper, info, notice, stop);
         return;
     }
-    if (finalTry)
-        throw PinWithheld("token \"" + label +
-                          "\" allows one more PIN try only (CKF_USER_PIN_FINAL_TRY); no PIN was "
-                          "sent, since a wrong one would lock the card. Log in once with the "
-                          "card's own tools to reset the count");
+    helper.checkLogin(info, false);
     Secret pin;
     if (args.has("pin-env")) {
         const char* v = std::getenv(args.get("pin-env").c_str());
@@ -262,10 +194,9 @@ void loginToken(Pkcs11Helper& helper, const Args& args, const TokenChoice& choic
         }
     } wipeBytes{bytes};
     try {
-        helper.login(bytes);
+        helper.login(bytes, info);
     } catch (const orvo::GenericEvent& e) {
         if (cryptokiCode(e) == CKR_PIN_INCORRECT) {
-            refusedPins().insert(uri);
             try {
                 if (helper.tokenInfo().flags & CKF_USER_PIN_FINAL_TRY)
                     notice << "One more wrong PIN locks token \"" << label

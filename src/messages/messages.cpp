@@ -1,12 +1,16 @@
 // What went wrong, in words: the sentence printed in front of a failure's event line.
-#include "tools/nebra/messages.h"
+#include "nebralib/messages.h"
 
 #include <cctype>
 #include <cstdlib>
+#include <vector>
 
+#include "nebralib/buffer/codecs.h"
+#include "nebralib/pkcs11/pkcs11.h"
 #include "platform/modules.h"
 
-namespace nebra {
+namespace pkcs11 {
+namespace certstoreupdater {
 
 namespace {
 
@@ -72,7 +76,7 @@ const Operation kOperations[] = {
 
 std::string param(const orvo::GenericEvent& e, const wchar_t* key) {
     const buffer::Buffer<wchar_t>* v = e.param(key);
-    return v ? utf8(*v) : std::string();
+    return v ? buffer::utf8FromUtf16(v->data(), v->size()) : std::string();
 }
 
 std::string joined(const std::vector<std::string>& names) {
@@ -115,7 +119,7 @@ std::string explain(const orvo::GenericEvent& e) {
         for (const Code& c : kCodes)
             if (c.rv == rv && c.hint) hint = c.hint;
         hint[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(hint[0])));
-        const std::string site = utf8(e.file()) + ":" + std::to_string(e.line());
+        const std::string site = buffer::utf8FromUtf16(e.file().data(), e.file().size()) + ":" + std::to_string(e.line());
         for (const Operation& op : kOperations)
             if (site == op.site)
                 return std::string(op.what) + " failed: " + hint + " (" + cryptokiName(rv) + ").";
@@ -143,4 +147,5 @@ std::string explain(const orvo::GenericEvent& e) {
     return "";
 }
 
-}  // namespace nebra
+}  // namespace certstoreupdater
+}  // namespace pkcs11

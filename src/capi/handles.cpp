@@ -1,0 +1,139 @@
+#include "src/capi/handles.h"
+
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <stdexcept>
+
+#include "nebralib/buffer/codecs.h"
+#include "nebralib/events/genericevent.h"
+#include "nebralib/messages.h"
+#include "nebralib/tokensession.h"
+
+namespace nebracapi {
+
+namespace {
+
+struct Registry {
+    std::mutex mutex;
+    std::uintptr_t next = 0x1000;
+    std::map<std::uintptr_t, std::pair<Kind, std::shared_ptr<Object>>> live;
+};
+
+Registry& registry() {
+    static Registry* r = new Registry;  // never destroyed: handles may be freed at any exit
+    return *r;
+}
+
+std::string utf8Of(const buffer::Buffer<wchar_t>& b) {
+    return buffer::utf8FromUtf16(b.data(), b.size());
+}
+
+nebra_status* statusHandle(std::shared_ptr<Status> s) {
+    try {
+        return reinterpret_cast<nebra_status*>(add(Kind::Status, std::move(s)));
+    } catch (...) {
+        return nullptr;  // out of memory for the very report: nothing better can be said
+    }
+}
+
+}  // namespace
+
+std::uintptr_t add(Kind kind, std::shared_ptr<Object> object) {
+    Registry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    // Steps of 16 keep handle values aligned as pointers are, for callers that check.
+    const std::uintptr_t handle = r.next += 16;
+    r.live.emplace(handle, std::make_pair(kind, std::move(object)));
+    return handle;
+}
+
+std::shared_ptr<Object> find(Kind kind, std::uintptr_t handle) {
+    Registry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    auto it = r.live.find(handle);
+    if (it == r.live.end() || it->second.first != kind) return nullptr;
+    return it->second.second;
+}
+
+bool remove(Kind kind, std::uintptr_t handle) {
+    std::shared_ptr<Object> gone;  // destroyed after the lock is released
+    Registry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    auto it = r.live.find(handle);
+    if (it == r.live.end() || it->second.first != kind) return false;
+    gone = std::move(it->second.second);
+    r.live.erase(it);
+    return true;
+}
+
+nebra_status* fail(std::int32_t code, const std::string& message) {
+    try {
+        auto s = std::make_shared<Status>();
+        s->code = code;
+        s->message = message;
+        return statusHandle(std::move(s));
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+nebra_status* failure() {
+    try {
+        throw;
+    } catch (const orvo::GenericEvent& e) {
+        auto s = std::make_shared<Status>();
+        s->code = NEBRA_E_EVENT;
+        s->event = e.what();
+        s->source = utf8Of(e.file());
+        s->line = static_cast<std::uint32_t>(e.line());
+        for (const auto& p : e.params()) s->params.emplace_back(utf8Of(p.first), utf8Of(p.second));
+        s->message = pkcs11::certstoreupdater::explain(e);
+        if (s->message.empty()) {
+            // The event itself, as the tool prints it when it has no sentence for it.
+            s->message = s->event + " (" + s->source + ":" + std::to_string(s->line) + ")";
+            for (const auto& p : s->params) s->message += " " + p.first + "=" + p.second;
+        }
+        return statusHandle(std::move(s));
+    } catch (const Refusal& r) {
+        return fail(r.code, r.message);
+    } catch (const pkcs11::certstoreupdater::PinWithheld& e) {
+        return fail(NEBRA_E_PIN_WITHHELD, e.what());
+    } catch (const std::invalid_argument& e) {
+        return fail(NEBRA_E_ARGUMENT, e.what());
+    } catch (const std::bad_alloc&) {
+        return fail(NEBRA_E_FAILED, "out of memory");
+    } catch (const std::exception& e) {
+        return fail(NEBRA_E_FAILED, e.what());
+    } catch (...) {
+        return fail(NEBRA_E_FAILED, "an unexpected failure");
+    }
+}
+
+nebra_list* publish(std::shared_ptr<List> list) {
+    return reinterpret_cast<nebra_list*>(add(Kind::List, std::move(list)));
+}
+
+std::string utf8(const std::wstring& s) {
+    return buffer::utf8FromUtf16(s);
+}
+
+std::string text(const char* utf8, const char* what) {
+    if (!utf8) throw Refusal{NEBRA_E_ARGUMENT, std::string(what) + " is NULL"};
+    std::wstring ignored;
+    if (!buffer::utf16FromUtf8(reinterpret_cast<const unsigned char*>(utf8), std::strlen(utf8),
+                               ignored))
+        throw Refusal{NEBRA_E_UTF8, std::string(what) + " is not UTF-8 text"};
+    return utf8;
+}
+
+std::wstring wide(const char* utf8, const wchar_t* fallback, const char* what) {
+    if (!utf8) return fallback;
+    std::wstring out;
+    if (!buffer::utf16FromUtf8(reinterpret_cast<const unsigned char*>(utf8), std::strlen(utf8),
+                               out))
+        throw Refusal{NEBRA_E_UTF8, std::string(what) + " is not UTF-8 text"};
+    return out;
+}
+
+}  // namespace nebracapi

@@ -1,0 +1,182 @@
+#include "nebralib/tokensession.h"
+
+#include <mutex>
+#include <set>
+
+#include "nebralib/buffer/codecs.h"
+#include "nebralib/events/certstoreupdatererror.h"
+#include "platform/console.h"
+#include "platform/modules.h"
+
+namespace pkcs11 {
+namespace certstoreupdater {
+
+namespace {
+constexpr const wchar_t* kSource = L"src\\pkcs11helper";
+constexpr int kLineTokenNotFound = 140;
+
+// The module file as the platform's loader takes it (the ANSI code page on Windows).
+std::string narrowModulePath(const std::string& path) {
+    std::string narrow;
+    if (!platform::console::narrowPath(path, narrow))
+        throw std::invalid_argument(
+            "the module path '" + path +
+            "' has characters that the system's ANSI code page cannot express; give the module "
+            "a path (or short name) without them");
+    return narrow;
+}
+
+// Tokens that refused a PIN in this process, by URI: none is sent to them again.
+std::mutex refusedMutex;
+std::set<std::string>& refusedPins() {
+    static std::set<std::string> refused;
+    return refused;
+}
+
+std::string labelOf(const CkTokenInfo& info) {
+    return buffer::utf8FromUtf16(info.label.data(), info.label.size());
+}
+}  // namespace
+
+std::string resolveModule(const std::string& pathOrName) {
+    std::string path = pathOrName;
+    if (path.find('/') == std::string::npos && path.find('\\') == std::string::npos) {
+        std::string found = platform::modules::findRegisteredModule(path);
+        if (!found.empty()) path = found;
+    }
+    return narrowModulePath(path);
+}
+
+TokenChoice TokenChoice::parse(const std::string& given) {
+    TokenChoice choice;
+    if (!Pkcs11Uri::looksLikeUri(given)) {
+        choice.module = resolveModule(given);
+        return choice;
+    }
+    choice.byUri = true;
+    choice.uri = Pkcs11Uri::parse(given);
+    if (choice.uri.hasQuery("pin-value"))
+        throw std::invalid_argument(
+            "the URI carries a PIN (pin-value); a PIN is never taken from a URI's text");
+    if (choice.uri.hasQuery("module-path"))
+        choice.module = narrowModulePath(choice.uri.query("module-path"));
+    else if (choice.uri.hasQuery("module-name"))
+        choice.module = resolveModule(choice.uri.query("module-name"));
+    else
+        throw std::invalid_argument(
+            "the URI names no module: add ?module-path=FILE or ?module-name=NAME");
+    return choice;
+}
+
+std::string noTokenReason(const std::string& module) {
+    std::size_t slots = 1;
+    try {
+        Libraries& registry = Libraries::instance();
+        CkLibrary lib = registry.load(module);
+        slots = CkSlots(lib, false).size();
+        registry.unload(lib);
+    } catch (const orvo::GenericEvent&) {
+        // The reason is a courtesy; the failure itself is reported anyway.
+    }
+    if (slots == 0)
+        return "no reader was found: the module reports no slot at all, so the smart-card "
+               "service (pcscd) may not be running or no reader is connected";
+    return "no token is present in the module's " + std::to_string(slots) +
+           (slots == 1 ? " slot" : " slots") + ": insert the card";
+}
+
+// Once the helper exists, a failure here destroys it, which unloads the module again.
+TokenSession::TokenSession(const TokenChoice& choice)
+    : module_(choice.module), helper_(new Pkcs11Helper(choice.module)) {
+    if (!choice.byUri) return;
+    std::wstring present;
+    helper_->slots->retain([&](const CkSlot& slot) {
+        TokenIdentity id = TokenIdentity::of(CkToken(slot).info());
+        if (choice.uri.matches(id)) return true;
+        present += (present.empty() ? L"" : L" ") + buffer::fromUtf8(id.uri());
+        return false;
+    });
+    if (helper_->slots->empty())
+        throw CertStoreUpdaterError_TokenNotFound(buffer::Buffer<wchar_t>(kSource),
+                                                  kLineTokenNotFound)
+            .setParam(L"URI", buffer::Buffer<wchar_t>(buffer::fromUtf8(choice.uri.text())))
+            .setParam(L"TOKENS", buffer::Buffer<wchar_t>(present));
+}
+
+TokenSession::~TokenSession() = default;
+
+CkTokenInfo TokenSession::tokenInfo() const {
+    return CkToken((*helper_->slots)[0]).info();
+}
+
+void TokenSession::checkLogin(const CkTokenInfo& info, bool keypad) const {
+    const std::string label = labelOf(info);
+    bool refused;
+    {
+        std::lock_guard<std::mutex> lock(refusedMutex);
+        refused = refusedPins().count(TokenIdentity::of(info).uri()) != 0;
+    }
+    if (refused)
+        throw PinWithheld("token \"" + label +
+                          "\" refused the PIN before; it is not sent again, since wrong tries "
+                          "lock the card: start again with the right PIN");
+    if (info.flags & CKF_USER_PIN_LOCKED)
+        throw PinWithheld("the PIN of token \"" + label +
+                          "\" is locked (CKF_USER_PIN_LOCKED); no PIN was sent. Unblock it "
+                          "with the card's PUK or security officer PIN");
+    if (!keypad && (info.flags & CKF_USER_PIN_FINAL_TRY))
+        throw PinWithheld("token \"" + label +
+                          "\" allows one more PIN try only (CKF_USER_PIN_FINAL_TRY); no PIN was "
+                          "sent, since a wrong one would lock the card. Log in once with the "
+                          "card's own tools to reset the count");
+}
+
+void TokenSession::login(const buffer::Buffer<unsigned char>& pin, const CkTokenInfo& info) {
+    checkLogin(info, false);
+    try {
+        helper_->login(pin);
+    } catch (const Pkcs11Error_CryptokiError& e) {
+        const buffer::Buffer<wchar_t>* code = e.param(L"CRYPTOKY_ERROR_CODE");
+        if (code && *code == buffer::decimal(CKR_PIN_INCORRECT)) {
+            std::lock_guard<std::mutex> lock(refusedMutex);
+            refusedPins().insert(TokenIdentity::of(info).uri());
+        }
+        throw;
+    }
+}
+
+void TokenSession::loginProtected(const CkTokenInfo& info) {
+    checkLogin(info, true);
+    helper_->openSession(nullptr);
+}
+
+std::unique_ptr<CertListPackage> TokenSession::getAllCerts() {
+    if (!helper_->session) throw std::invalid_argument("the token is read after a login only");
+    return helper_->getAllCerts();
+}
+
+std::size_t TokenSession::presentWithIdentity() const {
+    const TokenIdentity token = identity();
+    Libraries& registry = Libraries::instance();
+    CkLibrary lib = registry.load(module_);
+    struct Unload {
+        Libraries& r;
+        const CkLibrary& lib;
+        ~Unload() { r.unload(lib); }
+    } unload{registry, lib};
+    std::size_t n = 0;
+    CkSlots slots(lib, true);
+    for (const CkSlot& slot : slots.entries()) {
+        try {
+            CkTokenInfo info = CkToken(slot).info();
+            // A blank token (SoftHSM2 always offers one) holds nothing and is nobody's.
+            if ((info.flags & CKF_TOKEN_INITIALIZED) && TokenIdentity::of(info) == token) ++n;
+        } catch (const orvo::GenericEvent&) {
+            // A token that cannot be asked is not counted.
+        }
+    }
+    return n;
+}
+
+}  // namespace certstoreupdater
+}  // namespace pkcs11
