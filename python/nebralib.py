@@ -23,8 +23,7 @@ __all__ = ["NebraError", "Token", "tokens", "remove_token", "remove_provider", "
 ABI_VERSION = 1  # the header this module was written for
 
 # Status codes (nebra_status_code).
-OK, E_EVENT, E_ARGUMENT, E_HANDLE, E_BUFFER_SMALL, E_UTF8, E_PIN_WITHHELD, E_NO_TOKEN, \
-    E_FAILED = range(9)
+OK, E_EVENT, E_ARGUMENT, E_HANDLE, E_BUFFER_SMALL, E_UTF8, E_PIN_WITHHELD, E_FAILED = range(8)
 
 # Field numbers of the rows, by the names the rows' dicts use; id and der are bytes.
 FIELDS = {"uri": 1, "label": 2, "manufacturer": 3, "model": 4, "serial": 5, "group": 6, "key": 7,
