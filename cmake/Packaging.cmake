@@ -1,10 +1,10 @@
 # Packages of the installed tree: `cpack -G ZIP` in a Windows build gives
-# nebralib-VERSION-win64.zip (every component); `cpack -G DEB` in a Linux build gives three
+# nebralib-VERSION-win64.zip (every component); `cpack -G DEB` in a Linux build gives four
 # packages, split as Debian splits a library: libnebralib0 (the shared library, named after its
-# soname), libnebralib-dev (headers, CMake package, pkg-config file) and nebra (the tool and its
-# manual page). A program that only runs against the library then pulls in neither headers nor
-# tool, and a second soname could be installed beside the first. All take their version from
-# project().
+# soname), libnebralib-dev (headers, CMake package, pkg-config file), nebra (the tool and its
+# manual page) and python3-nebralib (the Python module, as Debian names Python 3 modules). A
+# program that only runs against the library then pulls in neither headers, tool nor Python, and
+# a second soname could be installed beside the first. All take their version from project().
 set(NEBRALIB_MAINTAINER "nebralib developers <dev@nebralib.org>"
     CACHE STRING "Maintainer named in the packages")
 set(CPACK_PACKAGE_NAME nebralib)
@@ -26,14 +26,18 @@ if(WIN32)
 else()
     set(CPACK_GENERATOR DEB)
     set(CPACK_DEB_COMPONENT_INSTALL ON)
-    set(CPACK_COMPONENTS_ALL runtime dev tool)
+    set(CPACK_COMPONENTS_ALL runtime dev tool python)
     set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
     set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libnebralib0)
     set(CPACK_DEBIAN_DEV_PACKAGE_NAME libnebralib-dev)
     set(CPACK_DEBIAN_TOOL_PACKAGE_NAME nebra)
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-nebralib)
     set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
     set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
     set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+    # The module is Python source only; the library it loads is its dependency's.
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
     # Summary line, then the extended description (lines under 80 columns).
     set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
         "library keeping certificate stores in step with PKCS#11 tokens
@@ -52,6 +56,11 @@ The nebra tool syncs the certificates of a PKCS#11 token (a smart card, or a
 software token) into the user's certificate stores, lists and removes them by
 key provider or by token, watches for tokens as they come and go, and verifies
 Authenticode signatures.")
+    set(CPACK_COMPONENT_PYTHON_DESCRIPTION
+        "library keeping certificate stores in step with PKCS#11 tokens - Python 3
+The nebralib module gives Python 3 programs the nebralib library through its C
+interface (ctypes): tokens, login, sync, the stores and key providers, and
+file signatures and access, with failures raised as exceptions.")
     # Depends: the runtime packages of the libraries the binaries link (dpkg-shlibdeps; the
     # tool's own library is found in the runtime package being built).
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
@@ -60,6 +69,7 @@ Authenticode signatures.")
         ${CMAKE_BINARY_DIR}/_CPack_Packages/Linux/DEB/${CPACK_PACKAGE_NAME}-${PROJECT_VERSION}-Linux/runtime/usr/${CMAKE_INSTALL_LIBDIR})
     set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libnebralib0 (= ${PROJECT_VERSION})")
     set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "libnebralib0 (= ${PROJECT_VERSION})")
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3, libnebralib0 (= ${PROJECT_VERSION})")
     # The PKCS#11 modules a user syncs from are separate packages.
     set(CPACK_DEBIAN_TOOL_PACKAGE_SUGGESTS "softhsm2, opensc-pkcs11")
     # The shared library is registered through the ldconfig trigger rather than maintainer
@@ -72,7 +82,7 @@ Authenticode signatures.")
     configure_file(${_nebra_deb}/copyright ${CMAKE_BINARY_DIR}/debian/copyright @ONLY)
     configure_file(${_nebra_deb}/changelog ${CMAKE_BINARY_DIR}/debian/changelog @ONLY)
     execute_process(COMMAND gzip -9nf ${CMAKE_BINARY_DIR}/debian/changelog)
-    foreach(component runtime dev tool)
+    foreach(component runtime dev tool python)
         string(TOUPPER ${component} c)
         set(pkg ${CPACK_DEBIAN_${c}_PACKAGE_NAME})
         install(FILES ${CMAKE_BINARY_DIR}/debian/copyright ${CMAKE_BINARY_DIR}/debian/changelog.gz

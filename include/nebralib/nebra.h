@@ -8,13 +8,15 @@
  *   and parameters exactly as the library's C++ event has them, and the sentence the `nebra`
  *   tool prints for it.
  * - Handles are opaque. Each kind has one free function; freeing NULL does nothing. A handle that
- *   is not live (freed already, never handed out) is refused with NEBRA_E_HANDLE: handle values
- *   are never reused, so a second free is always recognised.
+ *   is not live (freed already, never handed out, or NULL where a handle is needed) is refused
+ *   with NEBRA_E_HANDLE: handle values are never reused, so a second free is always recognised.
  * - Text passed in is NUL-terminated UTF-8 (refused with NEBRA_E_UTF8 otherwise); text and bytes
  *   passed out are copied into the caller's buffer with an explicit size (nebra_list_get).
  * - Threads: every call is thread-safe as long as one handle is not used by two threads at once;
  *   different handles may be used from different threads at the same time. A PIN refused by a
- *   token is remembered for the whole process, whichever thread sent it.
+ *   token is remembered for the whole process, whichever thread or handle sent it: no further
+ *   PIN reaches that token until the process starts again, since every wrong try brings a card
+ *   closer to locking (ask the user for the right PIN before the first try).
  * - No call prompts, prints, or keeps a PIN after it returns.
  */
 #ifndef NEBRALIB_NEBRA_H
@@ -127,7 +129,7 @@ NEBRA_API nebra_status* nebra_token_info(nebra_token* token, nebra_list** info);
  * that refused one before in this process (NEBRA_E_PIN_WITHHELD): a call never retries. */
 NEBRA_API nebra_status* nebra_token_login(nebra_token* token, const uint8_t* pin,
                                           uint64_t pin_len);
-/* Every certificate of the token: rows GROUP, KEY, ID, LABEL, SUBJECT, ISSUER, SERIAL,
+/* Every certificate of the logged-in token (before a login: NEBRA_E_ARGUMENT): rows GROUP, KEY, ID, LABEL, SUBJECT, ISSUER, SERIAL,
  * NOT_BEFORE, NOT_AFTER, DER, in group order, then key order. */
 NEBRA_API nebra_status* nebra_token_harvest(nebra_token* token, nebra_list** certs);
 NEBRA_API nebra_status* nebra_token_free(nebra_token* token);
@@ -143,7 +145,7 @@ NEBRA_API nebra_status* nebra_token_free(nebra_token* token);
 #define NEBRA_SYNC_DRY_RUN 2u /* change nothing; say what would change */
 #define NEBRA_SYNC_ADOPT 4u   /* record this token on bound certificates that record none */
 
-/* Brings the stores in step with a logged-in token: stores[g] receives group g (NULL: the group
+/* Brings the stores in step with a logged-in token (before a login: NEBRA_E_ARGUMENT): stores[g] receives group g (NULL: the group
  * is not written; stores[NEBRA_GROUP_WITH_KEY] NULL means "MY"), bound to key provider `csp`.
  * Rows: STORE, GROUP, CHANGE, KEY, LABEL, SUBJECT, NAME, one per certificate met, where CHANGE
  * is added, unchanged, keptUnbound, removed, keptForOtherTokens, rebound, sharedWithOtherTokens

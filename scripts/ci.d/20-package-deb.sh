@@ -1,15 +1,16 @@
 #!/usr/bin/env bash
 # The Linux packages as a user gets them, run without LD_LIBRARY_PATH: the native build installed
-# with `cmake --install` into a prefix that is then moved, and the three .debs of `cpack -G DEB`
-# (libnebralib0, libnebralib-dev, nebra) unpacked into a scratch root. Debian 12's lintian must
-# find no error and no warning that is not overridden with its reason. The library package must
-# depend on runtime packages only, and the tool must read a SoftHSM2 token through the module's
-# p11-kit registration.
+# with `cmake --install` into a prefix that is then moved, and the four .debs of `cpack -G DEB`
+# (libnebralib0, libnebralib-dev, nebra, python3-nebralib) unpacked into a scratch root. Debian
+# 12's lintian must find no error and no warning that is not overridden with its reason. The
+# library package must depend on runtime packages only, the tool must read a SoftHSM2 token
+# through the module's p11-kit registration, and the Python module must load the library beside
+# it.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 ROOT=$PWD
 BUILD=${NEBRA_BUILD:-$ROOT/build}
-unset LD_LIBRARY_PATH
+unset LD_LIBRARY_PATH NEBRALIB_LIBRARY
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "FAILED: $*"; exit 1; }
@@ -29,10 +30,23 @@ check_tool() {
   "$nebra" providers >"$work/providers" || fail "$nebra providers failed"
 }
 
+# Imports the Python module from $1 (NEBRALIB_LIBRARY as the rest of the command line sets it): it
+# must load the library $2 and report the version.
+check_python() {
+  local out
+  out=$(PYTHONPATH=$1 PYTHONDONTWRITEBYTECODE=1 python3 -c \
+    'import nebralib; print(nebralib.version(), nebralib.library_path)') ||
+    fail "the Python module in $1 does not import"
+  [ "${out%% *}" = "$version" ] || fail "nebralib.version() from $1 printed '${out%% *}'"
+  [ "$(realpath "${out#* }")" = "$(realpath "$2")" ] ||
+    fail "the Python module in $1 loaded ${out#* }, not $2"
+}
+
 # 1. cmake --install into a prefix, moved elsewhere afterwards.
 cmake --install "$BUILD" --prefix "$work/prefix" >/dev/null
 mv "$work/prefix" "$work/moved"
 check_tool "$work/moved/bin/nebra" "$work/moved/lib"
+check_python "$work/moved/lib/python3/dist-packages" "$work/moved/lib/libnebralib.so.0"
 echo "installed prefix: nebra runs after the prefix moved (RUNPATH" \
   "$(readelf -d "$work/moved/bin/nebra" | sed -n 's/.*R.*PATH.*\[\(.*\)\]/\1/p'))"
 
@@ -41,8 +55,9 @@ rm -f "$BUILD"/*.deb
 (cd "$BUILD" && cpack -G DEB >/dev/null)
 arch=$(dpkg --print-architecture)
 debs=()
-for pkg in libnebralib0 libnebralib-dev nebra; do
+for pkg in libnebralib0 libnebralib-dev nebra python3-nebralib; do
   deb=$BUILD/${pkg}_${version}_$arch.deb
+  if [ "$pkg" = python3-nebralib ]; then deb=$BUILD/${pkg}_${version}_all.deb; fi
   [ -f "$deb" ] || fail "cpack did not write $deb"
   [ "$(dpkg-deb -f "$deb" Version)" = "$version" ] || fail "$pkg's version is not $version"
   [ "$(dpkg-deb -f "$deb" Maintainer)" != "" ] || fail "$pkg names no maintainer"
@@ -56,6 +71,11 @@ done
 if echo "$depends" | grep -q -- '-dev\b'; then fail "libnebralib0 depends on a -dev package"; fi
 dpkg-deb -f "$BUILD/nebra_${version}_$arch.deb" Depends | grep -q "libnebralib0 (= $version)" ||
   fail "nebra does not depend on its library package"
+depends=$(dpkg-deb -f "$BUILD/python3-nebralib_${version}_all.deb" Depends)
+for dep in python3 "libnebralib0 (= $version)"; do
+  echo "$depends" | tr ',' '\n' | sed 's/^ *//' | grep -qxF "$dep" ||
+    fail "python3-nebralib's Depends lacks $dep"
+done
 
 # lintian as Debian 12 ships it: errors and warnings fail; overrides carry their reasons.
 if command -v lintian >/dev/null; then
@@ -75,7 +95,14 @@ for deb in "${debs[@]}"; do
 done
 check_tool "$work/root/usr/bin/nebra" "$work/root/usr/lib"
 grep -qx softhsm2 "$work/providers" || fail "providers does not list the registered softhsm2"
-for pkg in libnebralib0 libnebralib-dev nebra; do
+# dpkg -x runs no ldconfig: the module is pointed at the root's library, then must find it by
+# itself two folders up, where the package puts it.
+pydir=$work/root/usr/lib/python3/dist-packages
+pylib=$work/root/usr/lib/libnebralib.so.0
+NEBRALIB_LIBRARY=$pylib check_python "$pydir" "$pylib"
+check_python "$pydir" "$pylib"
+echo "packaged Python module: nebralib.version() is $version, library found beside the module"
+for pkg in libnebralib0 libnebralib-dev nebra python3-nebralib; do
   grep -q "^License: Apache-2.0" "$work/root/usr/share/doc/$pkg/copyright" ||
     fail "$pkg's copyright does not name Apache-2.0"
 done

@@ -3,7 +3,8 @@
 # empty folder. Every DLL a packaged binary imports must be in the package or be part of Windows
 # (present in Wine's system32); the tool and a consumer built against the package run under Wine
 # with an empty WINEPATH, so no toolchain folder is on the DLL path. The consumer is handed a
-# module that does not exist: the event raised inside the DLL must reach its catch block.
+# module that does not exist: the event raised inside the DLL must reach its catch block. The
+# Python module is in python/, where it finds ../bin/nebralib.dll.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 ROOT=$PWD
@@ -30,7 +31,8 @@ echo "$(basename "$zip"):"
 for f in bin/nebralib.dll bin/nebra.exe lib/libnebralib.dll.a lib/cmake/nebralib/nebralibConfig.cmake \
   lib/cmake/nebralib/nebralibConfigVersion.cmake lib/cmake/nebralib/nebralibTargets.cmake \
   include/nebralib/nebralib.h include/nebralib/export.h include/nebralib/version.h \
-  share/doc/nebralib/LICENSE share/doc/nebralib/README.md share/doc/nebralib/nebra.txt; do
+  share/doc/nebralib/LICENSE share/doc/nebralib/README.md share/doc/nebralib/nebra.txt \
+  python/nebralib.py; do
   [ -f "$pkg/$f" ] || fail "the zip has no $f"
 done
 

@@ -71,7 +71,11 @@ nebra_status* fail(std::int32_t code, const std::string& message) {
     try {
         auto s = std::make_shared<Status>();
         s->code = code;
+        // A sentence: capital first letter, full stop at the end.
         s->message = message;
+        if (!s->message.empty() && s->message[0] >= 'a' && s->message[0] <= 'z')
+            s->message[0] = static_cast<char>(s->message[0] - 'a' + 'A');
+        if (!s->message.empty() && s->message.back() != '.') s->message += '.';
         return statusHandle(std::move(s));
     } catch (...) {
         return nullptr;

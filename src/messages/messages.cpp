@@ -119,7 +119,8 @@ std::string explain(const orvo::GenericEvent& e) {
         for (const Code& c : kCodes)
             if (c.rv == rv && c.hint) hint = c.hint;
         hint[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(hint[0])));
-        const std::string site = buffer::utf8FromUtf16(e.file().data(), e.file().size()) + ":" + std::to_string(e.line());
+        const std::string site = buffer::utf8FromUtf16(e.file().data(), e.file().size()) + ":" +
+                                 std::to_string(e.line());
         for (const Operation& op : kOperations)
             if (site == op.site)
                 return std::string(op.what) + " failed: " + hint + " (" + cryptokiName(rv) + ").";
@@ -140,6 +141,14 @@ std::string explain(const orvo::GenericEvent& e) {
                ".";
     if (name == "CertStoreUpdaterError_SetTokenIdentityFailed")
         return "The store refused to record which token a certificate came from.";
+    if (name == "CertStoreUpdaterError_InvalidFileSignature")
+        return "The file carries no valid Authenticode signature that chains to a trusted root "
+               "(unsigned, altered, untrusted, expired or unreadable).";
+    if (name == "CertStoreUpdaterError_GetCspNameFailed")
+        return "The list of installed key providers could not be read.";
+    if (name == "CertStoreUpdaterError_InvalidConfiguration")
+        return "Reading or writing the file's access control list failed (" + param(e, L"Method") +
+               (e.param(L"Method") ? ": " : "") + "error " + param(e, L"error") + ").";
     if (name.compare(0, 22, "CertStoreUpdaterError_") == 0)
         return "The certificate store refused an operation.";
     if (name.compare(0, 6, "TarnEr") == 0)

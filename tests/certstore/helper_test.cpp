@@ -520,6 +520,26 @@ TEST_F(Helper, EveryFailingStoreCallRaisesItsEventAndKeepsWhatWasDone) {
     raises([&] { TokenStore(*h_).releaseTokenCertificate(cert("alice"), a); },
            "SetTokenIdentityFailed", 610);
     EXPECT_EQ(tokens(), 2u);
+    sweep();
+
+    // A sync that fails half way says what it wrote before the failure, and it stays written.
+    CertListPackage all;
+    for (const char* n : {"alice", "signing", "agreement"})
+        all.certsWithPrivateKey.emplace(Buffer<wchar_t>(std::wstring(L"K:") + wchar_t(n[0])),
+                                        CertItem{{}, {}, cert(n)});
+    std::vector<StoreResult> results;
+    faults.fail(F::Add, 5, 0, 1);
+    SyncOptions o;
+    o.csp = L"P";
+    raises(
+        [&] {
+            SyncEngine(o).sync(all, a, {{name_, CertGroup::WithPrivateKey, true}}, "", results);
+        },
+        "AddCertificateToStoreFailed", 231);
+    ASSERT_EQ(results.size(), 1u);
+    ASSERT_EQ(results[0].added.size(), 1u);
+    EXPECT_EQ(results[0].added[0].container, L"K:a");
+    EXPECT_EQ(present(), (std::set<std::string>{"alice"}));
 }
 
 TEST(CertStoreHelperProviders, ListsInstalledProvidersInOrderAndReportsAFailedRead) {
