@@ -23,14 +23,15 @@ TSAN=$(bash scripts/tsan-build.sh nebralib 2>"$work/tsan.log" | tail -n 1) ||
 NEBRA=$BUILD/bin/nebra
 
 # The library and what building against it needs, installed as the runtime and dev packages hold
-# them. The pkg-config Libs line also names Boost.Filesystem, which only the C++ headers need (a
-# path type in their declarations): the C program links nebralib alone.
+# them. nebra.pc is the C interface's: its Libs name nebralib alone.
 for c in runtime dev; do cmake --install "$BUILD" --prefix "$work/prefix" --component $c >/dev/null; done
-pc() { PKG_CONFIG_PATH=$work/prefix/lib/pkgconfig pkg-config "$@" nebralib; }
+pc() { PKG_CONFIG_PATH=$work/prefix/lib/pkgconfig pkg-config "$@" nebra; }
 LIBDIR=$(pc --variable=libdir)
+[ "$(pc --libs-only-l)" = "-lnebralib " ] || fail "nebra.pc links more than nebralib: $(pc --libs)"
 CFLAGS=(-std=c99 -pedantic -Wall -Wextra -Werror $(pc --cflags))
+LIBS=($(pc --libs) -Wl,-rpath,"$LIBDIR")
 SRC=examples/c/nebra_sync.c
-(set -x; gcc "${CFLAGS[@]}" "$SRC" -L"$LIBDIR" -lnebralib -Wl,-rpath,"$LIBDIR" -o "$work/nebra_sync")
+(set -x; gcc "${CFLAGS[@]}" "$SRC" "${LIBS[@]}" -o "$work/nebra_sync")
 needed=$(readelf -d "$work/nebra_sync" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' ')
 echo "nebra_sync needs: $needed"
 [ "$needed" = "libnebralib.so.0 libc.so.6 " ] || fail "the C program needs more than nebralib and libc"
