@@ -1,5 +1,6 @@
 // Loading Cryptoki modules: dlopen / LoadLibraryA, C_GetFunctionList, C_Initialize. The path is
 // handed to the loader exactly as the caller gave it (on Windows, ANSI code page text).
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <set>
@@ -144,23 +145,34 @@ CkLibrary Libraries::load(const std::string& path) {
             raiseCryptokiError(rv == CKR_OK ? CKR_GENERAL_ERROR : rv, sites::kGetFunctionList.file,
                                sites::kGetFunctionList.line);
         }
-        // The OS's own locking, so that one thread may block in C_WaitForSlotEvent while another
-        // uses the module; a module that cannot lock is initialised for one thread.
-        CK_C_INITIALIZE_ARGS threads{};
-        threads.flags = CKF_OS_LOCKING_OK;
-        rv = module->functions->C_Initialize(&threads);
-        if (rv == CKR_CANT_LOCK) rv = module->functions->C_Initialize(nullptr);
-        if (rv == CKR_OK) {
-            std::lock_guard<std::mutex> forThreadsLock(gForThreadsMutex);
-            forThreads().insert(module->functions);
-        }
-        if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
+        // The same module under another name (a symbolic link, a p11-kit name) is the one
+        // already loaded: it shares its count of loads, so that it is finalised after its last
+        // user whatever name each used.
+        auto same = std::find_if(modules_.begin(), modules_.end(), [&](const auto& m) {
+            return m.second && m.second->functions == module->functions;
+        });
+        if (same != modules_.end()) {
             closeModule(module->handle);
-            modules_.erase(path);
-            raiseCryptokiError(rv, sites::kInitialize.file, sites::kInitialize.line);
+            slot = same->second;
+        } else {
+            // The OS's own locking, so that one thread may block in C_WaitForSlotEvent while
+            // another uses the module; a module that cannot lock is initialised for one thread.
+            CK_C_INITIALIZE_ARGS threads{};
+            threads.flags = CKF_OS_LOCKING_OK;
+            rv = module->functions->C_Initialize(&threads);
+            if (rv == CKR_CANT_LOCK) rv = module->functions->C_Initialize(nullptr);
+            if (rv == CKR_OK) {
+                std::lock_guard<std::mutex> forThreadsLock(gForThreadsMutex);
+                forThreads().insert(module->functions);
+            }
+            if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
+                closeModule(module->handle);
+                modules_.erase(path);
+                raiseCryptokiError(rv, sites::kInitialize.file, sites::kInitialize.line);
+            }
+            module->initializedByUs = rv == CKR_OK;
+            slot = module;
         }
-        module->initializedByUs = rv == CKR_OK;
-        slot = module;
     }
     ++slot->loads;
     CkLibrary lib;
@@ -175,7 +187,8 @@ void Libraries::unload(const CkLibrary& library) {
     if (it == modules_.end() || it->second->functions != library.functions()) return;
     if (--it->second->loads > 0) return;
     std::shared_ptr<Module> module = it->second;
-    modules_.erase(it);
+    for (auto m = modules_.begin(); m != modules_.end();)
+        m = m->second == module ? modules_.erase(m) : std::next(m);
     // A module the process initialised elsewhere is left initialised and loaded for its owner.
     if (module->initializedByUs) {
         {

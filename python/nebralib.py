@@ -28,7 +28,8 @@ OK, E_EVENT, E_ARGUMENT, E_HANDLE, E_BUFFER_SMALL, E_UTF8, E_PIN_WITHHELD, E_FAI
 # Field numbers of the rows, by the names the rows' dicts use; id and der are bytes.
 FIELDS = {"uri": 1, "label": 2, "manufacturer": 3, "model": 4, "serial": 5, "group": 6, "key": 7,
           "id": 8, "der": 9, "subject": 10, "issuer": 11, "not_before": 12, "not_after": 13,
-          "store": 14, "change": 15, "tokens": 16, "name": 17, "note": 18, "flags": 19}
+          "store": 14, "change": 15, "tokens": 16, "name": 17, "note": 18, "flags": 19,
+          "unreadable": 20}
 _BYTES = {"id", "der"}
 # The fields each kind of list has, in the header's order.
 _TOKEN_ROW = ("uri", "label", "manufacturer", "model", "serial", "flags")
@@ -36,7 +37,8 @@ _CERT_ROW = ("group", "key", "id", "label", "subject", "issuer", "serial", "not_
              "not_after", "der")
 # A sync's store rows have only some of these: fields a row lacks are left out of its dict.
 _SYNC_ROW = ("store", "group", "change", "key", "label", "subject", "name", "note")
-_STORE_ROW = ("key", "subject", "issuer", "serial", "not_before", "not_after", "tokens", "der")
+_STORE_ROW = ("key", "subject", "issuer", "serial", "not_before", "not_after", "tokens",
+              "unreadable", "der")
 _GROUPS = 4  # stores of nebra_sync: with key, root, CA, other
 
 

@@ -10,6 +10,9 @@
  * - Handles are opaque. Each kind has one free function; freeing NULL does nothing. A handle that
  *   is not live (freed already, never handed out, or NULL where a handle is needed) is refused
  *   with NEBRA_E_HANDLE: handle values are never reused, so a second free is always recognised.
+ * - An out-parameter is set to NULL (0) first; it receives a handle only when the call succeeds,
+ *   except that nebra_sync and nebra_remove_token hand out their list (perhaps empty) whatever
+ *   happens, for the caller to free.
  * - Text passed in is NUL-terminated UTF-8 (refused with NEBRA_E_UTF8 otherwise); text and bytes
  *   passed out are copied into the caller's buffer with an explicit size (nebra_list_get).
  * - Threads: every call is thread-safe as long as one handle is not used by two threads at once;
@@ -103,6 +106,8 @@ NEBRA_API nebra_status* nebra_status_free(nebra_status* status);
 #define NEBRA_FIELD_NAME 17        /* text: a key provider's name; a certificate's display name */
 #define NEBRA_FIELD_NOTE 18        /* text: why nothing was removed from a store ("" if it was) */
 #define NEBRA_FIELD_FLAGS 19       /* text: a token's CK_TOKEN_INFO flags in decimal */
+#define NEBRA_FIELD_UNREADABLE 20  /* text: "1" when a certificate's token record does not */
+                                   /* decode (it is left as it is), else "0" */
 
 NEBRA_API nebra_status* nebra_list_count(const nebra_list* list, uint64_t* count);
 /* Copies field `field` of row `row` into buf. *size is the buffer's size on entry and the
@@ -165,7 +170,7 @@ NEBRA_API nebra_status* nebra_remove_provider(const char* store, const char* csp
 /* ---- stores and providers -------------------------------------------------------------------- */
 /* The certificates bound to `csp` ("" or NULL: any) in `store` (NULL: "MY"), ordered by container
  * then encoding: rows KEY (the container), SUBJECT, ISSUER, SERIAL, NOT_BEFORE, NOT_AFTER, TOKENS,
- * DER. */
+ * UNREADABLE, DER. */
 NEBRA_API nebra_status* nebra_store_list(const char* store, const char* csp, nebra_list** certs);
 /* The installed key providers, in enumeration order: rows NAME. */
 NEBRA_API nebra_status* nebra_providers(nebra_list** providers);

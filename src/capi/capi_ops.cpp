@@ -300,6 +300,7 @@ nebra_status* nebra_store_list(const char* store, const char* csp, nebra_list** 
             for (const TokenIdentity& id : e.tokens)
                 tokens += (tokens.empty() ? "" : "\n") + id.uri();
             row[NEBRA_FIELD_TOKENS] = tokens;
+            row[NEBRA_FIELD_UNREADABLE] = e.unreadable ? "1" : "0";
             list->rows.push_back(std::move(row));
         }
         *certs = publish(list);

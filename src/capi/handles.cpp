@@ -29,11 +29,20 @@ std::string utf8Of(const buffer::Buffer<wchar_t>& b) {
     return buffer::utf8FromUtf16(b.data(), b.size());
 }
 
+// The status returned when even a report cannot be allocated: made when the library loads and
+// never taken out of the registry, so that a failure never reads as success (NULL).
+nebra_status* const kOutOfMemory = [] {
+    auto s = std::make_shared<Status>();
+    s->code = NEBRA_E_FAILED;
+    s->message = "Out of memory.";
+    return reinterpret_cast<nebra_status*>(add(Kind::Status, std::move(s)));
+}();
+
 nebra_status* statusHandle(std::shared_ptr<Status> s) {
     try {
         return reinterpret_cast<nebra_status*>(add(Kind::Status, std::move(s)));
     } catch (...) {
-        return nullptr;  // out of memory for the very report: nothing better can be said
+        return kOutOfMemory;
     }
 }
 
@@ -57,6 +66,8 @@ std::shared_ptr<Object> find(Kind kind, std::uintptr_t handle) {
 }
 
 bool remove(Kind kind, std::uintptr_t handle) {
+    if (kind == Kind::Status && handle == reinterpret_cast<std::uintptr_t>(kOutOfMemory))
+        return true;  // shared by every call that ran out of memory: freeing it does nothing
     std::shared_ptr<Object> gone;  // destroyed after the lock is released
     Registry& r = registry();
     std::lock_guard<std::mutex> lock(r.mutex);
@@ -78,7 +89,7 @@ nebra_status* fail(std::int32_t code, const std::string& message) {
         if (!s->message.empty() && s->message.back() != '.') s->message += '.';
         return statusHandle(std::move(s));
     } catch (...) {
-        return nullptr;
+        return kOutOfMemory;
     }
 }
 

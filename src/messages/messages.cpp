@@ -151,6 +151,8 @@ std::string explain(const orvo::GenericEvent& e) {
                (e.param(L"Method") ? ": " : "") + "error " + param(e, L"error") + ").";
     if (name.compare(0, 22, "CertStoreUpdaterError_") == 0)
         return "The certificate store refused an operation.";
+    if (name == "BufferError_InvalidEncodingUnit")
+        return "Text read from the token or a store is not valid UTF-8.";
     if (name.compare(0, 6, "TarnEr") == 0)
         return "A certificate on the token is not a well-formed X.509 certificate.";
     return "";
