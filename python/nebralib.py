@@ -90,6 +90,7 @@ _handle = c_void_p
 _text_out = (c_void_p, [c_void_p, POINTER(c_size_t)])
 _SIGNATURES = {
     "nebra_version": (c_char_p, []),
+    "nebra_live_handles": (c_uint64, []),
     "nebra_status_code": (c_int32, [c_void_p]),
     "nebra_status_event": _text_out,
     "nebra_status_source": _text_out,

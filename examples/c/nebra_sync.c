@@ -388,8 +388,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     if (!pin) return fputs("NEBRA_PIN is not set\n", stderr), 1;
-    if (argc == 3 && !strcmp(argv[1], "--edge")) return edge_cases(argv[2], pin);
-    if (argc == 3) rc = use_token(argv[2], pin, NULL, NULL, &o);
+    if (argc == 3 && !strcmp(argv[1], "--edge")) rc = edge_cases(argv[2], pin);
+    if (argc == 3 && !strcmp(argv[1], "--token")) rc = use_token(argv[2], pin, NULL, NULL, &o);
     if (argc == 4)
         rc = use_token(argv[1], pin, argv[2], argv[3], NULL) || list_json(&o, argv[3], argv[2]);
     if (argc == 7) {
@@ -402,7 +402,12 @@ int main(int argc, char** argv) {
         for (i = 0; i < 2; ++i) rc |= !started[i] || pthread_join(threads[i], NULL) || jobs[i].rc;
         for (i = 0; i < 2 && !rc; ++i) rc = list_json(&o, argv[5 + i], argv[4]);
     }
-    if (!rc) fwrite(o.p, 1, o.n, stdout);
+    if (!rc && o.n) fwrite(o.p, 1, o.n, stdout);
     free(o.p);
+    /* Every handle handed out has been freed. */
+    if (nebra_live_handles() != 0) {
+        fprintf(stderr, "%llu handle(s) left unfreed\n", (unsigned long long)nebra_live_handles());
+        rc = 1;
+    }
     return rc || fflush(stdout) ? 1 : 0;
 }

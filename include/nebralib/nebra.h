@@ -64,6 +64,9 @@ typedef struct nebra_list nebra_list;
 /* The library's version ("1.2.3") and the ABI version it was built with. */
 NEBRA_API const char* nebra_version(void);
 NEBRA_API uint32_t nebra_abi_version(void);
+/* How many handles of every kind are live: a program that has freed everything it was handed sees
+ * 0 (a check for tests, since a handle kept alive by the library is invisible to leak checkers). */
+NEBRA_API uint64_t nebra_live_handles(void);
 
 /* ---- statuses ------------------------------------------------------------------------------
  * Texts returned here belong to the status and stay valid until it is freed; each is

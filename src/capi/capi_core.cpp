@@ -51,6 +51,10 @@ uint32_t nebra_abi_version(void) {
     return NEBRA_ABI_VERSION;
 }
 
+uint64_t nebra_live_handles(void) {
+    return liveHandles();
+}
+
 int32_t nebra_status_code(const nebra_status* status) {
     if (!status) return NEBRA_OK;
     std::shared_ptr<Status> s = statusOf(status);

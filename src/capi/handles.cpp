@@ -78,6 +78,12 @@ bool remove(Kind kind, std::uintptr_t handle) {
     return true;
 }
 
+std::uint64_t liveHandles() {
+    Registry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    return r.live.size() - 1;  // the out-of-memory status is always there
+}
+
 nebra_status* fail(std::int32_t code, const std::string& message) {
     try {
         auto s = std::make_shared<Status>();

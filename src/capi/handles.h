@@ -27,6 +27,8 @@ std::uintptr_t add(Kind kind, std::shared_ptr<Object> object);
 std::shared_ptr<Object> find(Kind kind, std::uintptr_t handle);
 // Takes a live handle out of the registry; false when it was not one of this kind.
 bool remove(Kind kind, std::uintptr_t handle);
+// How many handles the caller holds (the shared out-of-memory status is not one of them).
+std::uint64_t liveHandles();
 
 struct Status : Object {
     std::int32_t code = NEBRA_E_FAILED;

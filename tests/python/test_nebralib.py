@@ -61,6 +61,9 @@ def status(st):
 
 
 class NebralibTest(unittest.TestCase):
+    def tearDown(self):
+        self.assertEqual(nebralib.lib.nebra_live_handles(), 0, "the module left handles unfreed")
+
     def test_version_and_providers(self):
         self.assertEqual(run(NEBRA, "--version").strip(), "nebra " + nebralib.version())
         self.assertEqual(nebralib.abi_version(), nebralib.ABI_VERSION)
