@@ -48,8 +48,9 @@ registered with p11-kit. It also verifies Authenticode signatures and edits
 the access control lists it keeps for files.")
     set(CPACK_COMPONENT_DEV_DESCRIPTION
         "library keeping certificate stores in step with PKCS#11 tokens - development
-Headers, a CMake package (nebralib::nebralib) and a pkg-config file for
-programs that use the nebralib library.")
+Headers, a CMake package and pkg-config files for programs that use the
+nebralib library: its C++ classes (nebralib::nebralib, pkg-config nebralib) or
+its C interface alone (nebralib::c, pkg-config nebra).")
     set(CPACK_COMPONENT_TOOL_DESCRIPTION
         "keeps certificate stores in step with the certificates on PKCS#11 tokens
 The nebra tool syncs the certificates of a PKCS#11 token (a smart card, or a
@@ -61,6 +62,9 @@ Authenticode signatures.")
 The nebralib module gives Python 3 programs the nebralib library through its C
 interface (ctypes): tokens, login, sync, the stores and key providers, and
 file signatures and access, with failures raised as exceptions.")
+    # Each package's own first line is its summary: CPack would put the project's summary in
+    # front of every description, above each package's own.
+    unset(CPACK_PACKAGE_DESCRIPTION_SUMMARY)
     # Depends: the runtime packages of the libraries the binaries link (dpkg-shlibdeps; the
     # tool's own library is found in the runtime package being built).
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
