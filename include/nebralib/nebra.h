@@ -161,7 +161,8 @@ NEBRA_API nebra_status* nebra_token_free(nebra_token* token);
  * certificate fields. After a failure *result still holds what was done before it. */
 NEBRA_API nebra_status* nebra_sync(nebra_token* token, const char* csp, const char* const stores[4],
                                    uint32_t flags, nebra_list** result);
-/* Takes the certificates recorded for the tokens `token_uri` matches out of `store` (NULL: "MY"):
+/* Takes the certificates bound to `csp` (not empty) and recorded for the tokens `token_uri`
+ * matches out of `store` (NULL: "MY"):
  * a certificate goes when no other token records it. Rows as nebra_sync's. */
 NEBRA_API nebra_status* nebra_remove_token(const char* store, const char* csp,
                                            const char* token_uri, nebra_list** result);

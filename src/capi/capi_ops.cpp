@@ -245,6 +245,7 @@ nebra_status* nebra_remove_token(const char* store, const char* csp, const char*
     return withResults(result, [&](std::vector<StoreResult>& results) {
         SyncOptions o;
         o.csp = wide(text(csp, "csp").c_str(), L"", "csp");
+        if (o.csp.empty()) throw Refusal{NEBRA_E_ARGUMENT, "csp is empty"};
         const Pkcs11Uri uri = Pkcs11Uri::parse(text(token_uri, "token_uri"));
         if (uri.path().empty())
             throw Refusal{NEBRA_E_ARGUMENT,

@@ -142,6 +142,12 @@ class NebralibTest(unittest.TestCase):
                          nebralib.OK)
         need = size.value
         small, short = ctypes.create_string_buffer(need - 1), ctypes.c_uint64(need - 1)
+
+        def release_every_provider():  # its list is handed out whatever happens
+            rows = h()
+            st = lib.nebra_remove_token(None, b"", uri("pytok").encode(), ref(rows))
+            status(lib.nebra_list_free(rows))
+            return st
         cases = [  # what, the call, the code it must give
             ("a list freed twice", lambda: lib.nebra_list_free(freed), nebralib.E_HANDLE),
             ("a freed list read", lambda: lib.nebra_list_count(freed, ref(size)),
@@ -163,6 +169,7 @@ class NebralibTest(unittest.TestCase):
              nebralib.E_UTF8),
             ("a store not UTF-8", lambda: lib.nebra_store_list(b"M\xffY", None, ref(h())),
              nebralib.E_UTF8),
+            ("a release for every provider", release_every_provider, nebralib.E_ARGUMENT),
         ]
         try:
             for what, call, want in cases:
