@@ -66,6 +66,8 @@ public:
     // The same with the token information the caller has just read (on a card every read is
     // card traffic).
     void login(const buffer::Buffer<unsigned char>& pin, const CkTokenInfo& info);
+    // The same with the PIN's bytes: the copy handed to the module is overwritten after use.
+    void login(const unsigned char* pin, std::size_t size, const CkTokenInfo& info);
     // As login, but the reader's PIN pad asks for the PIN (C_Login without one). Withheld for a
     // locked token or one that refused a PIN before; a final try is the user's to make.
     void loginProtected() { loginProtected(tokenInfo()); }

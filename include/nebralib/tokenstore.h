@@ -37,6 +37,10 @@ public:
     // with its container and recorded tokens; unlike listCertsByCsp, one container may appear
     // several times (two tokens using the same key identifiers).
     std::vector<TokenCertificate> listTokenCertificates(const std::wstring& csp) const;
+    // What `nebra list` shows: listTokenCertificates, then the certificates bound to `csp`
+    // through key provider information alone (no tokens); ordered by container, then encoding,
+    // whatever order the platform's store keeps.
+    std::vector<TokenCertificate> listBoundCertificates(const std::wstring& csp) const;
     // Takes `token` off this certificate's recorded identities; when none is left, the
     // certificate is deleted (deleteCertificate). A certificate that does not record `token` is
     // left as it is.

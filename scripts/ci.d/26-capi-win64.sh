@@ -9,8 +9,6 @@
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 ROOT=$PWD
-export PATH=${PATH:-/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin}
-if [ -z "${HOME:-}" ]; then HOME=$(getent passwd "$(id -u)" | cut -d: -f6); export HOME; fi
 export LC_ALL=C.UTF-8
 MINGW=${NEBRA_BUILD_MINGW:-$ROOT/build-mingw}
 CACHE=${NEBRA_CACHE:-$HOME/.cache/nebralib}

@@ -1,7 +1,5 @@
 // The C interface: tokens, the sync engine, stores, providers and files, each call a thin shell
 // over the library's classes.
-#include <algorithm>
-#include <set>
 
 #include "nebralib/buffer/codecs.h"
 #include "nebralib/certstorehelper.h"
@@ -20,7 +18,6 @@ namespace {
 
 struct Token : Object {
     std::unique_ptr<TokenSession> session;
-    bool loggedIn = false;
 };
 
 std::shared_ptr<Token> tokenOf(nebra_token* t) {
@@ -172,17 +169,8 @@ nebra_status* nebra_token_login(nebra_token* token, const uint8_t* pin, uint64_t
         if (!pin) {
             t->session->loginProtected();
         } else {
-            buffer::Buffer<unsigned char> secret(pin, static_cast<std::size_t>(pin_len));
-            struct Wipe {
-                buffer::Buffer<unsigned char>& b;
-                ~Wipe() {
-                    volatile unsigned char* p = b.size() ? b.mutableData() : nullptr;
-                    for (std::size_t i = 0; i < b.size(); ++i) p[i] = 0;
-                }
-            } wipe{secret};
-            t->session->login(secret);
+            t->session->login(pin, static_cast<std::size_t>(pin_len), t->session->tokenInfo());
         }
-        t->loggedIn = true;
         return nullptr;
     });
 }
@@ -218,7 +206,7 @@ nebra_status* nebra_sync(nebra_token* token, const char* csp, const char* const 
     return withResults(result, [&](std::vector<StoreResult>& results) {
         std::shared_ptr<Token> t = tokenOf(token);
         SyncOptions o;
-        o.csp = wide(text(csp, "csp").c_str(), L"", "csp");
+        o.csp = wide(csp, nullptr, "csp");
         if (o.csp.empty()) throw Refusal{NEBRA_E_ARGUMENT, "csp is empty"};
         o.prune = (flags & NEBRA_SYNC_PRUNE) != 0;
         o.dryRun = (flags & NEBRA_SYNC_DRY_RUN) != 0;
@@ -244,7 +232,7 @@ nebra_status* nebra_remove_token(const char* store, const char* csp, const char*
                                  nebra_list** result) {
     return withResults(result, [&](std::vector<StoreResult>& results) {
         SyncOptions o;
-        o.csp = wide(text(csp, "csp").c_str(), L"", "csp");
+        o.csp = wide(csp, nullptr, "csp");
         if (o.csp.empty()) throw Refusal{NEBRA_E_ARGUMENT, "csp is empty"};
         const Pkcs11Uri uri = Pkcs11Uri::parse(text(token_uri, "token_uri"));
         if (uri.path().empty())
@@ -261,7 +249,7 @@ nebra_status* nebra_remove_token(const char* store, const char* csp, const char*
 nebra_status* nebra_remove_provider(const char* store, const char* csp, uint64_t* removed) {
     return guarded([&]() -> nebra_status* {
         if (removed) *removed = 0;
-        const std::wstring provider = wide(text(csp, "csp").c_str(), L"", "csp");
+        const std::wstring provider = wide(csp, nullptr, "csp");
         if (provider.empty()) return fail(NEBRA_E_ARGUMENT, "csp is empty");
         CertStoreHelper helper(wide(store, L"MY", "store"));
         std::vector<TokenStore::TokenCertificate> before =
@@ -279,20 +267,8 @@ nebra_status* nebra_store_list(const char* store, const char* csp, nebra_list** 
         needOut(certs, "certs");
         const std::wstring provider = wide(csp, L"", "csp");
         CertStoreHelper helper(wide(store, L"MY", "store"));
-        // Every certificate with the CSP reference (several may share a container), then those
-        // bound through key provider information alone; ordered by container, then encoding.
         using Entry = TokenStore::TokenCertificate;
-        std::vector<Entry> found = TokenStore(helper).listTokenCertificates(provider);
-        std::set<buffer::Buffer<unsigned char>> listed;
-        for (const Entry& e : found) listed.insert(e.certificate.der());
-        std::unique_ptr<CertMap> byContainer = helper.listCertsByCsp(provider, false);
-        for (const auto& entry : *byContainer)
-            if (!listed.count(entry.second.certificate.der()))
-                found.push_back({entry.first.str(), entry.second.certificate, {}, false});
-        std::sort(found.begin(), found.end(), [](const Entry& a, const Entry& b) {
-            return a.container != b.container ? a.container < b.container
-                                              : a.certificate.der() < b.certificate.der();
-        });
+        const std::vector<Entry> found = TokenStore(helper).listBoundCertificates(provider);
         auto list = std::make_shared<List>();
         for (const Entry& e : found) {
             Row row = certRow(e.certificate);
@@ -323,7 +299,7 @@ nebra_status* nebra_providers(nebra_list** providers) {
 
 nebra_status* nebra_verify_file(const char* path) {
     return guarded([&]() -> nebra_status* {
-        buffer::Buffer<wchar_t> wide_path(wide(text(path, "path").c_str(), L"", "path"));
+        buffer::Buffer<wchar_t> wide_path(wide(path, nullptr, "path"));
         CodeVerifier::verify(wide_path);
         return nullptr;
     });

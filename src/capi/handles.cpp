@@ -149,6 +149,7 @@ std::string text(const char* utf8, const char* what) {
 }
 
 std::wstring wide(const char* utf8, const wchar_t* fallback, const char* what) {
+    if (!utf8 && !fallback) throw Refusal{NEBRA_E_ARGUMENT, std::string(what) + " is NULL"};
     if (!utf8) return fallback;
     std::wstring out;
     if (!buffer::utf16FromUtf8(reinterpret_cast<const unsigned char*>(utf8), std::strlen(utf8),

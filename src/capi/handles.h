@@ -61,7 +61,8 @@ struct List : Object {
 nebra_list* publish(std::shared_ptr<List> list);
 
 // UTF-8 text of a wide string, and the wide string of NUL-terminated UTF-8 text passed in
-// (a null pointer is `fallback`; text that is not UTF-8 raises a NEBRA_E_UTF8 status).
+// (a null pointer is `fallback`, or without one a NEBRA_E_ARGUMENT status; text that is not
+// UTF-8 raises a NEBRA_E_UTF8 status).
 std::string utf8(const std::wstring& s);
 std::wstring wide(const char* utf8, const wchar_t* fallback, const char* what);
 // The narrow text passed in, checked to be UTF-8; a null pointer raises NEBRA_E_ARGUMENT.

@@ -1,5 +1,8 @@
 #include "nebralib/tokenstore.h"
 
+#include <algorithm>
+#include <set>
+
 #include "nebralib/events/certstoreupdatererror.h"
 #include "src/certstorehelper/storeparts.h"
 
@@ -63,6 +66,22 @@ std::vector<TokenStore::TokenCertificate> TokenStore::listTokenCertificates(
         cursor.replace(api.enumCertificates(store_.store, ctx));
     }
     return result;
+}
+
+std::vector<TokenStore::TokenCertificate> TokenStore::listBoundCertificates(
+    const std::wstring& csp) const {
+    std::vector<TokenCertificate> certs = listTokenCertificates(csp);
+    std::set<buffer::Buffer<unsigned char>> listed;
+    for (const TokenCertificate& e : certs) listed.insert(e.certificate.der());
+    std::unique_ptr<CertMap> byContainer = store_.listCertsByCsp(csp, false);
+    for (const auto& entry : *byContainer)
+        if (!listed.count(entry.second.certificate.der()))
+            certs.push_back({entry.first.str(), entry.second.certificate, {}, false});
+    std::sort(certs.begin(), certs.end(), [](const TokenCertificate& a, const TokenCertificate& b) {
+        return a.container != b.container ? a.container < b.container
+                                          : a.certificate.der() < b.certificate.der();
+    });
+    return certs;
 }
 
 TokenStore::Release TokenStore::releaseTokenCertificate(const asn1::Certificate& cert,

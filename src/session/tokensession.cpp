@@ -145,6 +145,18 @@ void TokenSession::login(const buffer::Buffer<unsigned char>& pin, const CkToken
     }
 }
 
+void TokenSession::login(const unsigned char* pin, std::size_t size, const CkTokenInfo& info) {
+    buffer::Buffer<unsigned char> secret(pin, size);
+    struct Wipe {
+        buffer::Buffer<unsigned char>& b;
+        ~Wipe() {
+            volatile unsigned char* p = b.size() ? b.mutableData() : nullptr;
+            for (std::size_t i = 0; i < b.size(); ++i) p[i] = 0;
+        }
+    } wipe{secret};
+    login(secret, info);
+}
+
 void TokenSession::loginProtected(const CkTokenInfo& info) {
     checkLogin(info, true);
     helper_->openSession(nullptr);

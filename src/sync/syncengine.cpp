@@ -1,5 +1,6 @@
 #include "nebralib/syncengine.h"
 
+#include <algorithm>
 #include <map>
 #include <set>
 
@@ -25,6 +26,12 @@ SyncChange changeOf(const std::wstring& container, const std::wstring& label,
     SyncChange c{container, label, cert.subject().toString().str(), label};
     if (c.name.empty()) c.name = cert.subject().displayName().str();
     return c;
+}
+
+// "STORE: what CONTAINER  NAME" to the caller's log, if it keeps one.
+void logChange(const SyncOptions& o, const StoreTarget& t, const std::string& what,
+               const SyncChange& c) {
+    if (o.log) o.log(utf8(t.store) + ": " + what + " " + utf8(c.container) + "  " + utf8(c.name));
 }
 
 constexpr const char* kBlankSerial =
@@ -77,10 +84,6 @@ template <class Ours, class Keep>
 void releaseFrom(const SyncOptions& o, const StoreTarget& t, CertStoreHelper& helper,
                  StoreResult& r, Ours ours, Keep keep) {
     TokenStore store(helper);
-    auto log = [&](const char* what, const SyncChange& c) {
-        if (o.log)
-            o.log(utf8(t.store) + ": " + what + " " + utf8(c.container) + "  " + utf8(c.name));
-    };
     for (const TokenCertificate& tc : store.listTokenCertificates(o.csp)) {
         if (tc.unreadable) {
             r.unreadable.push_back(changeOf(tc.container, L"", tc.certificate));
@@ -111,7 +114,7 @@ void releaseFrom(const SyncOptions& o, const StoreTarget& t, CertStoreHelper& he
         if (!touched) continue;
         SyncChange c = changeOf(tc.container, L"", tc.certificate);
         (left == 0 ? r.removed : r.unlinked).push_back(c);
-        log(left == 0 ? "removed" : "kept for another token", c);
+        logChange(o, t, left == 0 ? "removed" : "kept for another token", c);
     }
 }
 
@@ -124,10 +127,6 @@ void SyncEngine::syncStore(const StoreTarget& t, const CertMap& certs, const Tok
     const SyncOptions& o = o_;
     CertStoreHelper store(t.store);
     TokenStore tokens(store);
-    auto log = [&](const std::string& what, const SyncChange& c) {
-        if (o.log)
-            o.log(utf8(t.store) + ": " + what + " " + utf8(c.container) + "  " + utf8(c.name));
-    };
     // The provider's certificates by DER: one walk of the store instead of a lookup per
     // certificate that is present but bound otherwise.
     std::map<Der, TokenCertificate> ours;
@@ -155,12 +154,12 @@ void SyncEngine::syncStore(const StoreTarget& t, const CertMap& certs, const Tok
             if (mine && mine->unreadable) {
                 r.unreadable.push_back(c);
             } else if (mine && (!mine->tokens.empty() || o.adopt)) {
-                bool recorded = false;
-                for (const TokenIdentity& id : mine->tokens) recorded = recorded || id == token;
-                if (!recorded) record();
+                if (std::find(mine->tokens.begin(), mine->tokens.end(), token) ==
+                    mine->tokens.end())
+                    record();
             }
             r.unchanged.push_back(c);
-            log("unchanged", c);
+            logChange(o, t, "unchanged", c);
         } else if (!again && !store.findCertificate(item.certificate)) {
             if (!o.dryRun) {
                 store.addCspCertificate(o.csp, container, item.label.str(), item.certificate,
@@ -168,7 +167,7 @@ void SyncEngine::syncStore(const StoreTarget& t, const CertMap& certs, const Tok
                 record();
             }
             r.added.push_back(c);
-            log("added, bound to " + utf8(o.csp) + " container", c);
+            logChange(o, t, "added, bound to " + utf8(o.csp) + " container", c);
         } else if (!again && mine && !mine->unreadable && mine->tokens.size() == 1 &&
                    mine->tokens[0] == token) {
             // Only this token's, under another container (or without the key provider
@@ -182,7 +181,7 @@ void SyncEngine::syncStore(const StoreTarget& t, const CertMap& certs, const Tok
             SyncChange moved = c;
             moved.container = mine->container + L" -> " + container;
             r.rebound.push_back(moved);
-            log("rebound to container", c);
+            logChange(o, t, "rebound to container", c);
         } else if (!again && mine && !mine->unreadable && !mine->tokens.empty()) {
             // Another token's binding: it stays, and records this token too, so that the other
             // token's removal does not take it while this one still holds it.
@@ -190,11 +189,11 @@ void SyncEngine::syncStore(const StoreTarget& t, const CertMap& certs, const Tok
             SyncChange shared = c;
             shared.container = mine->container;
             r.shared.push_back(shared);
-            log("bound for another token, recorded for this one too:", c);
+            logChange(o, t, "bound for another token, recorded for this one too:", c);
         } else {
             // Present but not this provider's, or a duplicate on the token: never replaced.
             r.kept.push_back(c);
-            log("present but bound otherwise, left as it is:", c);
+            logChange(o, t, "present but bound otherwise, left as it is:", c);
         }
         if (o.progress) o.progress(t.store, ++done, certs.size());
     }

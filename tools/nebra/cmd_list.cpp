@@ -1,7 +1,5 @@
 // nebra list: the certificates bound to a key provider in a store, with the tokens they came from.
-#include <algorithm>
 #include <iostream>
-#include <set>
 
 #include "nebralib/tokenstore.h"
 #include "tools/nebra/storecmd.h"
@@ -34,21 +32,8 @@ int run(const nebra::Args& args) {
     std::wstring store = nebra::storeName(args);
     auto helper = nebra::openStore(args);
     using Entry = pkcs11::certstoreupdater::TokenStore::TokenCertificate;
-    // Every certificate with the library's CSP reference (several may share a container), then
-    // those bound through key provider information alone, which the by-container map finds.
     std::vector<Entry> certs =
-        pkcs11::certstoreupdater::TokenStore(*helper).listTokenCertificates(csp);
-    std::set<buffer::Buffer<unsigned char>> listed;
-    for (const Entry& e : certs) listed.insert(e.certificate.der());
-    auto byContainer = helper->listCertsByCsp(csp, false);
-    for (const auto& entry : *byContainer)
-        if (!listed.count(entry.second.certificate.der()))
-            certs.push_back({entry.first.str(), entry.second.certificate, {}, false});
-    // By container, then by encoding: the same order whatever order the platform's store keeps.
-    std::sort(certs.begin(), certs.end(), [&](const Entry& a, const Entry& b) {
-        return a.container != b.container ? a.container < b.container
-                                          : a.certificate.der() < b.certificate.der();
-    });
+        pkcs11::certstoreupdater::TokenStore(*helper).listBoundCertificates(csp);
 
     if (args.flag("json")) {
         std::cout << "{\"store\": " << nebra::jsonString(nebra::utf8(store))

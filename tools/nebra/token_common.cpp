@@ -183,18 +183,9 @@ void loginToken(TokenSession& helper, const Args& args, const TokenChoice& choic
     }
     if (pin.text().empty())
         throw UsageError("the PIN is empty; an empty PIN is never sent to a token");
-    buffer::Buffer<unsigned char> bytes(reinterpret_cast<const unsigned char*>(pin.text().data()),
-                                        pin.text().size());
-    pin.wipe();
-    struct WipeBytes {
-        buffer::Buffer<unsigned char>& b;
-        ~WipeBytes() {
-            volatile unsigned char* p = b.size() ? b.mutableData() : nullptr;
-            for (std::size_t i = 0; i < b.size(); ++i) p[i] = 0;
-        }
-    } wipeBytes{bytes};
     try {
-        helper.login(bytes, info);
+        helper.login(reinterpret_cast<const unsigned char*>(pin.text().data()), pin.text().size(),
+                     info);
     } catch (const orvo::GenericEvent& e) {
         if (cryptokiCode(e) == CKR_PIN_INCORRECT) {
             try {
