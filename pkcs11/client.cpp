@@ -4,6 +4,7 @@
 #include "nebralib/buffer/codecs.h"
 #include "nebralib/pkcs11/client.h"
 #include "pkcs11/sites.h"
+#include "pkcs11/tokeninfo.h"
 
 namespace pkcs11 {
 
@@ -26,6 +27,16 @@ buffer::Buffer<wchar_t> paddedText(const unsigned char* p, std::size_t n) {
 }
 
 }  // namespace
+
+CkTokenInfo tokenInfoOf(const CK_TOKEN_INFO& raw) {
+    CkTokenInfo info;
+    info.label = paddedText(raw.label, sizeof raw.label);
+    info.manufacturerId = paddedText(raw.manufacturerID, sizeof raw.manufacturerID);
+    info.model = paddedText(raw.model, sizeof raw.model);
+    info.serialNumber = paddedText(raw.serialNumber, sizeof raw.serialNumber);
+    info.flags = raw.flags;
+    return info;
+}
 
 CkSlots::CkSlots(const CkLibrary& library, bool tokenPresent) {
     CK_FUNCTION_LIST* f = library.functions();
@@ -59,13 +70,7 @@ CkTokenInfo CkToken::info() const {
     CK_TOKEN_INFO raw;
     std::memset(&raw, 0, sizeof raw);
     check(slot_.library.functions()->C_GetTokenInfo(slot_.id, &raw), sites::kGetTokenInfo);
-    CkTokenInfo info;
-    info.label = paddedText(raw.label, sizeof raw.label);
-    info.manufacturerId = paddedText(raw.manufacturerID, sizeof raw.manufacturerID);
-    info.model = paddedText(raw.model, sizeof raw.model);
-    info.serialNumber = paddedText(raw.serialNumber, sizeof raw.serialNumber);
-    info.flags = raw.flags;
-    return info;
+    return tokenInfoOf(raw);
 }
 
 CkSession::CkSession(bool closeOnDestruction, const CkLibrary& library, CK_SESSION_HANDLE handle)

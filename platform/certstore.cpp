@@ -30,6 +30,15 @@ A* replace(A* impl, A& native) {
 
 namespace certstore {
 Api::~Api() = default;
+bool Api::beginBatch(Store) {
+    return true;
+}
+bool Api::endBatch(Store, bool) {
+    return true;
+}
+bool Api::atomicBatches() const {
+    return false;
+}
 Api& api() {
     return current<Api>(native());
 }

@@ -98,6 +98,14 @@ public:
                                    KeyProvInfo& out) = 0;
     // The certificate's encoding (pbCertEncoded, cbCertEncoded); valid while `cert` is.
     virtual const unsigned char* encoded(Cert cert, std::size_t* size) = 0;
+
+    // Makes the writes through `store` (and its contexts) until endBatch one change where the
+    // platform can: endBatch(store, false) then undoes them all, and a process that dies in
+    // between leaves none of them. The Linux store makes it a transaction; CryptoAPI writes each
+    // call at once, so there (the default) both do nothing and atomicBatches() is false.
+    virtual bool beginBatch(Store store);
+    virtual bool endBatch(Store store, bool commit);
+    virtual bool atomicBatches() const;
 };
 
 // The implementation in use: the real store unless a test installed another.

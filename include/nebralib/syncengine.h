@@ -24,6 +24,30 @@ enum class CertGroup { WithPrivateKey, Root, Ca, Other };
 NEBRALIB_EXPORT const char* groupName(CertGroup group);
 NEBRALIB_EXPORT const CertMap& groupOf(const CertListPackage& all, CertGroup group);
 
+// One certificate object of a token: its group, its container ("CKAIDHEX:" and the CKA_ID), and
+// what was read.
+struct TokenObject {
+    CertGroup group = CertGroup::Other;
+    std::wstring container;
+    CertItem item;
+};
+
+// An object of the token that could not be read: its CKA_ID and label bytes in hex (as the token
+// holds them), and why, in a sentence (UTF-8).
+struct UnreadableObject {
+    std::string id;
+    std::string label;
+    std::string reason;
+};
+
+// What the sync road read from a token: every certificate object the module lists, in its order,
+// and the objects that could not be read. A read with unreadable objects is incomplete: nothing
+// is pruned or released on its strength.
+struct TokenContents {
+    std::vector<TokenObject> certificates;
+    std::vector<UnreadableObject> unreadable;
+};
+
 // A store and the group of the token's certificates that goes into it.
 struct StoreTarget {
     std::wstring store;
@@ -50,6 +74,7 @@ struct StoreResult {
     std::vector<SyncChange> unreadable;  // a token record that does not decode: left as it is
     std::size_t unrecorded = 0;          // this provider's certificates that record no token
     std::string skipped;                 // why pruning or release left this store alone (UTF-8)
+    bool interrupted = false;            // asked to stop (SyncOptions::stop) before the end
 };
 
 struct SyncOptions {
@@ -64,6 +89,9 @@ struct SyncOptions {
     std::function<void(const std::string& line)> log;
     // Told the progress through each store's group.
     std::function<void(const std::wstring& store, std::size_t done, std::size_t total)> progress;
+    // Asked between certificates whether to stop (a signal): the certificate in hand is finished,
+    // the rest of the run left out, and the store's result marked interrupted.
+    std::function<bool()> stop;
 };
 
 class NEBRALIB_EXPORT SyncEngine {
@@ -71,19 +99,25 @@ public:
     explicit SyncEngine(SyncOptions options) : o_(std::move(options)) {}
 
     // Writes each group of the token into its store, then, with prune, takes out of those stores
-    // the certificates recorded for the token that it no longer holds in any group; `problem`
-    // (identityProblem) stops pruning. One result per target, in order, appended to `results` as
-    // each store is begun: after a failure they hold what was done before it.
-    void sync(const CertListPackage& all, const TokenIdentity& token,
+    // the certificates recorded for the token that no object of it holds any more; `problem`
+    // (identityProblem), or a read with unreadable objects, stops pruning. Each store's
+    // read-change-write is one step for every writer on the machine (a store lock), and each
+    // certificate's addition and token record are one change where the platform allows it. A
+    // certificate the token holds under several CKA_IDs keeps the binding of the group with a
+    // key when another of its groups goes to the same store. One result per target, in order,
+    // appended to `results` as each store is begun: after a failure they hold what was done.
+    void sync(const TokenContents& token, const TokenIdentity& identity,
               const std::vector<StoreTarget>& targets, const std::string& problem,
               std::vector<StoreResult>& results) const;
-    // The same for a logged-in token: reads its certificates and, with prune, counts the tokens
-    // of its module that report its identity.
+    // The same for a logged-in token: reads its certificates tolerantly (readCertificates) under
+    // the identity it was logged in with and, with prune, counts the tokens of its module that
+    // report that identity.
     void sync(TokenSession& token, const std::vector<StoreTarget>& targets,
               std::vector<StoreResult>& results) const;
 
     // Takes every certificate bound to the provider out of the target's store for each recorded
-    // token that `ours` accepts: the certificate is deleted when no other token records it.
+    // token that `ours` accepts, under the store lock: the certificate is deleted when no other
+    // token records it.
     // Identities with a blank serial are never released. `result` is filled as it goes.
     void release(const StoreTarget& target, const std::function<bool(const TokenIdentity&)>& ours,
                  StoreResult& result) const;
@@ -94,8 +128,8 @@ public:
     static std::string identityProblem(const TokenIdentity& token, std::size_t present = 1);
 
 private:
-    void syncStore(const StoreTarget& t, const CertMap& certs, const TokenIdentity& token,
-                   StoreResult& r) const;
+    void syncStore(const StoreTarget& t, const std::vector<const TokenObject*>& certs,
+                   const TokenIdentity& token, StoreResult& r) const;
 
     SyncOptions o_;
 };

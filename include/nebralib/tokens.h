@@ -41,6 +41,7 @@ struct NEBRALIB_EXPORT TokenIdentity {
 constexpr std::uint32_t kTokenIdentityPropId = 54087;
 constexpr unsigned char kTokenIdentityLayout = 1;
 
+// Raises std::length_error for more than 255 tokens: a record never leaves one out.
 NEBRALIB_EXPORT buffer::Buffer<unsigned char> encodeTokenIdentities(
     const std::vector<TokenIdentity>& tokens);
 // False (and `out` unspecified) when `bytes` are not a value of the layout above.

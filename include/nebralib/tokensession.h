@@ -12,6 +12,7 @@
 #include "nebralib/export.h"
 #include "nebralib/pkcs11/client.h"
 #include "nebralib/pkcs11helper.h"
+#include "nebralib/syncengine.h"
 #include "nebralib/tokens.h"
 
 namespace pkcs11 {
@@ -58,18 +59,25 @@ public:
     // The chosen token's information, read now.
     CkTokenInfo tokenInfo() const;
     TokenIdentity identity() const { return TokenIdentity::of(tokenInfo()); }
+    // The identity of the token as it was chosen; after a login, the one logged in to.
+    const TokenIdentity& chosen() const { return chosen_; }
 
-    // Logs the user in with `pin`, unless the token is locked, at its final try, or refused a
-    // PIN before in this process (PinWithheld, nothing sent). A refusal (CKR_PIN_INCORRECT) is
-    // remembered for the process.
+    // Logs the user in with `pin`. Everything is decided at the moment of the login, on token
+    // information read in the new session right before C_Login: no PIN is sent (PinWithheld)
+    // when the token in the slot is no longer the one chosen (a card swapped while the PIN was
+    // typed), is locked, is at its final try, refused a PIN before in this process, or takes no
+    // PIN of this length (ulMinPinLen, ulMaxPinLen). A token this program is logged in to already
+    // (Cryptoki's login state is shared by all sessions of a program) gets no PIN and counts as
+    // logged in. A refusal (CKR_PIN_INCORRECT) is remembered for the process.
     void login(const buffer::Buffer<unsigned char>& pin) { login(pin, tokenInfo()); }
-    // The same with the token information the caller has just read (on a card every read is
-    // card traffic).
+    // `info` is what the caller read before it asked for the PIN; it is not trusted for the
+    // rules, which are checked again at the login.
     void login(const buffer::Buffer<unsigned char>& pin, const CkTokenInfo& info);
     // The same with the PIN's bytes: the copy handed to the module is overwritten after use.
     void login(const unsigned char* pin, std::size_t size, const CkTokenInfo& info);
     // As login, but the reader's PIN pad asks for the PIN (C_Login without one). Withheld for a
-    // locked token or one that refused a PIN before; a final try is the user's to make.
+    // locked token, a changed one, or one that refused a PIN before; a final try is the user's
+    // to make.
     void loginProtected() { loginProtected(tokenInfo()); }
     void loginProtected(const CkTokenInfo& info);
 
@@ -80,14 +88,22 @@ public:
 
     // Every certificate of the token, sorted as Pkcs11Helper sorts them.
     std::unique_ptr<CertListPackage> getAllCerts();
+    // Every certificate object of the token, for the sync road: objects sharing a CKA_ID and
+    // one certificate under several CKA_IDs each count. An object whose value is not a
+    // certificate or whose label is not UTF-8 is skipped and listed as unreadable instead of
+    // failing the read (getAllCerts stays strict).
+    TokenContents readCertificates();
     // How many tokens of this module report the chosen token's identity (initialised ones only).
     std::size_t presentWithIdentity() const;
 
     Pkcs11Helper& helper() { return *helper_; }
 
 private:
+    void loginChecked(const buffer::Buffer<unsigned char>* pin);
+
     std::string module_;
     std::unique_ptr<Pkcs11Helper> helper_;
+    TokenIdentity chosen_;
 };
 
 }  // namespace certstoreupdater

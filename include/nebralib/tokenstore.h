@@ -30,7 +30,8 @@ public:
     // Adds `token` to the identities recorded on this certificate of the store, unless it is
     // there already. A record that does not decode (damaged, or of a newer layout) is never
     // overwritten. Raises CertStoreUpdaterError_SetTokenIdentityFailed when the property cannot
-    // be written.
+    // be written, or when the record holds as many tokens as its layout can (255) already:
+    // dropping one would let a later removal take a certificate that token still holds.
     enum class Record { Added, AlreadyRecorded, NotInStore, Unreadable };
     Record recordTokenIdentity(const asn1::Certificate& cert, const TokenIdentity& token);
     // Every certificate whose CSP reference names `csp` (any CSP when empty), in store order,
@@ -46,6 +47,27 @@ public:
     // left as it is.
     enum class Release { NotRecorded, Unlinked, Deleted };
     Release releaseTokenCertificate(const asn1::Certificate& cert, const TokenIdentity& token);
+
+    // Whether a Batch makes its writes one change on this platform (a transaction on Linux);
+    // CryptoAPI writes each call at once.
+    bool atomicWrites() const;
+
+    // The writes through this store from its construction to commit() as one change where the
+    // platform can: destroyed without commit() (an exception on the way), they are undone.
+    // Raises CertStoreUpdaterError_AddCertificateToStoreFailed when the store cannot begin or
+    // commit it.
+    class NEBRALIB_EXPORT Batch {
+    public:
+        explicit Batch(TokenStore& store);
+        ~Batch();
+        Batch(const Batch&) = delete;
+        Batch& operator=(const Batch&) = delete;
+        void commit();
+
+    private:
+        TokenStore& store_;
+        bool open_ = false;
+    };
 
 private:
     // The decoded token identities of a context (empty when absent or undecodable; then

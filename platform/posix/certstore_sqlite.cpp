@@ -190,6 +190,22 @@ public:
         return true;
     }
 
+    // A batch holds the store's write transaction as an add does: writes in it join, and the
+    // last release commits (or, for a batch ended without commit, rolls back) all of them.
+    bool beginBatch(Store store) override {
+        StoreHandle* h = asStore(store);
+        if (!h) return fail(kErrorInvalidParameter);
+        int rc;
+        return h->db->holdAdd(&rc) || fail(storeError(rc));
+    }
+    bool endBatch(Store store, bool commit) override {
+        StoreHandle* h = asStore(store);
+        if (!h) return fail(kErrorInvalidParameter);
+        int rc = h->db->releaseAdd(commit);
+        return rc == SQLITE_OK || fail(storeError(rc));
+    }
+    bool atomicBatches() const override { return true; }
+
     bool deleteFromStore(Cert cert) override {
         Context* ctx = asCert(cert);
         if (!ctx) return fail(kErrorInvalidParameter);

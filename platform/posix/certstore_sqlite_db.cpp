@@ -64,9 +64,6 @@ std::uint32_t storeError(int rc) {
     }
 }
 
-namespace {
-
-// Creates `dir` and its missing parents (mode 0700 for the ones created here).
 bool makeDirs(const std::string& dir) {
     if (dir.empty()) return false;
     struct stat st {};
@@ -75,6 +72,8 @@ bool makeDirs(const std::string& dir) {
     if (slash != std::string::npos && slash > 0 && !makeDirs(dir.substr(0, slash))) return false;
     return mkdir(dir.c_str(), 0700) == 0 || errno == EEXIST;
 }
+
+namespace {
 
 // Whether `path` belongs to this user and nobody else (group or others) may write it; an absent
 // file passes unless it must exist. Every certificate of the store "ROOT" is a trust anchor of

@@ -25,6 +25,8 @@ std::nullptr_t failNull(std::uint32_t code);
 std::uint32_t storeError(int rc);
 // The folder of the user's database; empty when the user has no home folder.
 std::string databaseDir();
+// Creates `dir` and its missing parents (mode 0700 for the ones created here).
+bool makeDirs(const std::string& dir);
 
 using Props = std::map<std::uint32_t, std::vector<unsigned char>>;
 

@@ -12,6 +12,31 @@ namespace certstoreupdater {
 using namespace storeparts;
 
 constexpr int kLineSetTokenIdentity = 610;
+constexpr int kLineTokenRecordFull = 611;
+constexpr int kLineBatch = 620;
+constexpr std::size_t kMaxRecordedTokens = 255;
+
+bool TokenStore::atomicWrites() const {
+    return cs::api().atomicBatches();
+}
+
+TokenStore::Batch::Batch(TokenStore& store) : store_(store) {
+    if (!cs::api().beginBatch(store_.store_.store))
+        throw CertStoreUpdaterError_AddCertificateToStoreFailed(sourceFile(), kLineBatch)
+            .setParam(L"REASON", L"the store could not begin a change");
+    open_ = true;
+}
+
+TokenStore::Batch::~Batch() {
+    if (open_) cs::api().endBatch(store_.store_.store, false);
+}
+
+void TokenStore::Batch::commit() {
+    open_ = false;
+    if (!cs::api().endBatch(store_.store_.store, true))
+        throw CertStoreUpdaterError_AddCertificateToStoreFailed(sourceFile(), kLineBatch)
+            .setParam(L"REASON", L"the store could not complete a change");
+}
 
 std::vector<TokenIdentity> TokenStore::tokenIdentities(const void* ctx, bool* unreadable) const {
     std::vector<TokenIdentity> tokens;
@@ -35,6 +60,11 @@ TokenStore::Record TokenStore::recordTokenIdentity(const asn1::Certificate& cert
     if (unreadable) return Record::Unreadable;
     for (const TokenIdentity& t : tokens)
         if (t == token) return Record::AlreadyRecorded;
+    if (tokens.size() >= kMaxRecordedTokens)
+        throw CertStoreUpdaterError_SetTokenIdentityFailed(sourceFile(), kLineTokenRecordFull)
+            .setParam(L"REASON",
+                      L"the certificate records 255 tokens already, as many as its "
+                      L"token record can hold");
     tokens.push_back(token);
     buffer::Buffer<unsigned char> bytes = encodeTokenIdentities(tokens);
     if (!api.setProperty(found.get(), kTokenIdentityPropId, bytes.data(), bytes.size()))

@@ -5,22 +5,19 @@
 #include "nebralib/buffer/codecs.h"
 #include "nebralib/events/certstoreupdatererror.h"
 #include "nebralib/pkcs11helper.h"
+#include "src/pkcs11helper/harvestparts.h"
 
 namespace pkcs11 {
 namespace certstoreupdater {
 
+namespace harvestparts {
+
 namespace {
-
-using KeyIds = std::set<buffer::Buffer<unsigned char>>;
-
-// A search that has not ended after this many objects, or hands out a handle a second time, is a
-// module gone wrong (a card's middleware looping over its file system): the walk stops there.
 constexpr std::size_t kMaxObjects = 100000;
 constexpr int kLineRunawaySearch = 150;
+}  // namespace
 
-// Walks the finder to its end, handing each object to `take`.
-template <class Take>
-void walk(CkObjectsFinder& finder, Take take) {
+void walk(CkObjectsFinder& finder, void (*take)(CK_OBJECT_HANDLE, void*), void* context) {
     std::set<CK_OBJECT_HANDLE> seen;
     CK_OBJECT_HANDLE handle;
     while (finder.next(handle)) {
@@ -33,34 +30,19 @@ void walk(CkObjectsFinder& finder, Take take) {
                                              L"object twice and would not end"
                                            : L"the module's object search returned more than "
                                              L"100000 objects and would not end");
-        take(handle);
+        take(handle, context);
     }
     finder.final();
 }
 
-// Certificate objects on the token (not session objects), in search order.
-std::vector<CertItem> readCertificates(const CkSession& session) {
+CkAttributes certificateSearch() {
     CkAttributes search;
     search.addUlong(CKA_CLASS, CKO_CERTIFICATE)
         .addBool(CKA_TOKEN, true)
         .addUlong(CKA_CERTIFICATE_TYPE, CKC_X_509);
-    CkObjectsFinder finder(session, search);
-    CkAttributes values;
-    values.add(CKA_VALUE).add(CKA_ID).add(CKA_LABEL);
-    std::vector<CertItem> certs;
-    walk(finder, [&](CK_OBJECT_HANDLE handle) {
-        CkObject(session, handle).get(values);
-        CertItem item;
-        item.certificate = asn1::Certificate(values.value(CKA_VALUE));
-        item.id = values.value(CKA_ID);
-        buffer::BufferRange<unsigned char> label = values.view(CKA_LABEL);
-        item.label = buffer::Utf8Decoder::decode(label.begin(), label.size());
-        certs.push_back(std::move(item));
-    });
-    return certs;
+    return search;
 }
 
-// The CKA_ID of every private key on the token. Only the identifier is ever read.
 KeyIds readPrivateKeyIds(const CkSession& session) {
     CkAttributes search;
     search.addUlong(CKA_CLASS, CKO_PRIVATE_KEY).addBool(CKA_TOKEN, true);
@@ -75,11 +57,35 @@ KeyIds readPrivateKeyIds(const CkSession& session) {
     return ids;
 }
 
-// Key usage decides when present (keyCertSign); otherwise basic constraints' cA.
 bool isCaCertificate(const asn1::Certificate& cert) {
     if (cert.hasExtension(asn1::id_ce_keyUsage())) return cert.checkUsage(5);
     if (cert.hasExtension(asn1::id_ce_basicConstraints())) return cert.basicConstraints().cA;
     return false;
+}
+
+}  // namespace harvestparts
+
+namespace {
+
+using namespace harvestparts;
+
+// Certificate objects on the token (not session objects), in search order.
+std::vector<CertItem> readCertificates(const CkSession& session) {
+    CkAttributes search = certificateSearch();
+    CkObjectsFinder finder(session, search);
+    CkAttributes values;
+    values.add(CKA_VALUE).add(CKA_ID).add(CKA_LABEL);
+    std::vector<CertItem> certs;
+    walk(finder, [&](CK_OBJECT_HANDLE handle) {
+        CkObject(session, handle).get(values);
+        CertItem item;
+        item.certificate = asn1::Certificate(values.value(CKA_VALUE));
+        item.id = values.value(CKA_ID);
+        buffer::BufferRange<unsigned char> label = values.view(CKA_LABEL);
+        item.label = buffer::Utf8Decoder::decode(label.begin(), label.size());
+        certs.push_back(std::move(item));
+    });
+    return certs;
 }
 
 // Plain insertion: the first certificate found under a key stays.

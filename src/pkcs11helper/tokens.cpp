@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <stdexcept>
 
 #include "nebralib/buffer/codecs.h"
 
@@ -114,7 +115,9 @@ std::string TokenIdentity::uri() const {
 
 buffer::Buffer<unsigned char> encodeTokenIdentities(const std::vector<TokenIdentity>& tokens) {
     buffer::Buffer<unsigned char> out;
-    std::size_t n = tokens.size() > 255 ? 255 : tokens.size();
+    // A record that silently left a token out would let that token's certificates be removed.
+    if (tokens.size() > 255) throw std::length_error("a token record holds at most 255 tokens");
+    const std::size_t n = tokens.size();
     out.append(kTokenIdentityLayout);
     out.append(static_cast<unsigned char>(n));
     for (std::size_t i = 0; i < n; ++i) {

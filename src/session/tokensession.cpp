@@ -1,10 +1,14 @@
 #include "nebralib/tokensession.h"
 
+#include <cstring>
 #include <mutex>
 #include <set>
 
 #include "nebralib/buffer/codecs.h"
 #include "nebralib/events/certstoreupdatererror.h"
+#include "nebralib/messages.h"
+#include "pkcs11/sites.h"
+#include "pkcs11/tokeninfo.h"
 #include "platform/console.h"
 #include "platform/modules.h"
 
@@ -14,6 +18,7 @@ namespace certstoreupdater {
 namespace {
 constexpr const wchar_t* kSource = L"src\\pkcs11helper";
 constexpr int kLineTokenNotFound = 140;
+constexpr int kLineTokenNotInitialized = 59;  // as Pkcs11Helper's own check
 
 // The module file as the platform's loader takes it (the ANSI code page on Windows).
 std::string narrowModulePath(const std::string& path) {
@@ -88,11 +93,19 @@ std::string noTokenReason(const std::string& module) {
 // Once the helper exists, a failure here destroys it, which unloads the module again.
 TokenSession::TokenSession(const TokenChoice& choice)
     : module_(choice.module), helper_(new Pkcs11Helper(choice.module)) {
-    if (!choice.byUri) return;
+    if (!choice.byUri) {
+        chosen_ = identity();
+        return;
+    }
     std::wstring present;
+    bool first = true;
     helper_->slots->retain([&](const CkSlot& slot) {
         TokenIdentity id = TokenIdentity::of(CkToken(slot).info());
-        if (choice.uri.matches(id)) return true;
+        if (choice.uri.matches(id)) {
+            if (first) chosen_ = id;
+            first = false;
+            return true;
+        }
         present += (present.empty() ? L"" : L" ") + buffer::fromUtf8(id.uri());
         return false;
     });
@@ -131,18 +144,8 @@ void TokenSession::checkLogin(const CkTokenInfo& info, bool keypad) const {
                           "card's own tools to reset the count");
 }
 
-void TokenSession::login(const buffer::Buffer<unsigned char>& pin, const CkTokenInfo& info) {
-    checkLogin(info, false);
-    try {
-        helper_->login(pin);
-    } catch (const Pkcs11Error_CryptokiError& e) {
-        const buffer::Buffer<wchar_t>* code = e.param(L"CRYPTOKY_ERROR_CODE");
-        if (code && *code == buffer::decimal(CKR_PIN_INCORRECT)) {
-            std::lock_guard<std::mutex> lock(refusedMutex);
-            refusedPins().insert(TokenIdentity::of(info).uri());
-        }
-        throw;
-    }
+void TokenSession::login(const buffer::Buffer<unsigned char>& pin, const CkTokenInfo&) {
+    loginChecked(&pin);
 }
 
 void TokenSession::login(const unsigned char* pin, std::size_t size, const CkTokenInfo& info) {
@@ -157,9 +160,81 @@ void TokenSession::login(const unsigned char* pin, std::size_t size, const CkTok
     login(secret, info);
 }
 
-void TokenSession::loginProtected(const CkTokenInfo& info) {
-    checkLogin(info, true);
-    helper_->openSession(nullptr);
+void TokenSession::loginProtected(const CkTokenInfo&) {
+    loginChecked(nullptr);
+}
+
+namespace {
+
+// Whether the program is logged in as the user on this session's token already.
+bool loggedIn(const CkSession& session) {
+    CK_SESSION_INFO si;
+    std::memset(&si, 0, sizeof si);
+    if (session.functions()->C_GetSessionInfo(session.handle(), &si) != CKR_OK) return false;
+    return si.state == CKS_RO_USER_FUNCTIONS || si.state == CKS_RW_USER_FUNCTIONS;
+}
+
+// Whether the token says which PIN lengths it takes.
+bool saysPinLengths(const CK_TOKEN_INFO& raw) {
+    return raw.ulMaxPinLen != 0 && raw.ulMaxPinLen != CK_UNAVAILABLE_INFORMATION &&
+           raw.ulMinPinLen <= raw.ulMaxPinLen;
+}
+
+}  // namespace
+
+void TokenSession::loginChecked(const buffer::Buffer<unsigned char>* pin) {
+    const CkSlot& slot = (*helper_->slots)[0];
+    std::unique_ptr<CkSession> fresh(new CkSession(true, helper_->library, 0));
+    fresh->open(slot.id, CKF_SERIAL_SESSION | CKF_RW_SESSION);
+    // Read in the session that logs in, right before C_Login: what the caller saw before it
+    // asked for the PIN may have changed while it was typed.
+    CK_TOKEN_INFO raw;
+    std::memset(&raw, 0, sizeof raw);
+    CK_RV rv = slot.library.functions()->C_GetTokenInfo(slot.id, &raw);
+    if (rv != CKR_OK) raiseCryptokiError(rv, sites::kGetTokenInfo.file, sites::kGetTokenInfo.line);
+    const CkTokenInfo info = tokenInfoOf(raw);
+    const std::string label = labelOf(info);
+    if (!(info.flags & CKF_USER_PIN_INITIALIZED))
+        throw CertStoreUpdaterError_TokenNotInitialized(buffer::Buffer<wchar_t>(kSource),
+                                                        kLineTokenNotInitialized);
+    if (!(TokenIdentity::of(info) == chosen_))
+        throw PinWithheld("the token in the slot is no longer the one chosen (" + chosen_.uri() +
+                          "); it is now " + TokenIdentity::of(info).uri() +
+                          ". No PIN was sent: start again with the card you mean");
+    if (!loggedIn(*fresh)) {
+        checkLogin(info, pin == nullptr);
+        if (pin && saysPinLengths(raw) &&
+            (pin->size() < raw.ulMinPinLen || pin->size() > raw.ulMaxPinLen))
+            throw PinWithheld("the PIN has " + std::to_string(pin->size()) +
+                              " bytes, but token \"" + label + "\" takes " +
+                              std::to_string(raw.ulMinPinLen) + " to " +
+                              std::to_string(raw.ulMaxPinLen) + "; no PIN was sent");
+        try {
+            if (pin)
+                fresh->login(CKU_USER, buffer::BufferRange<unsigned char>(*pin));
+            else
+                fresh->loginProtected(CKU_USER);
+        } catch (const Pkcs11Error_CryptokiError& e) {
+            const unsigned long rv = cryptokiCode(e);
+            // Another session of this program logged in meanwhile: the login state is shared.
+            if (rv != CKR_USER_ALREADY_LOGGED_IN || !loggedIn(*fresh)) {
+                if (rv == CKR_PIN_INCORRECT) {
+                    std::lock_guard<std::mutex> lock(refusedMutex);
+                    refusedPins().insert(chosen_.uri());
+                }
+                throw;
+            }
+        }
+    }
+    if (helper_->session) {
+        try {
+            if (helper_->session->closeOnDestruction() && helper_->session->handle())
+                helper_->session->close();
+        } catch (const orvo::GenericEvent&) {
+            // The session given up may be gone with the card that was in the slot before.
+        }
+    }
+    helper_->session = std::move(fresh);
 }
 
 std::unique_ptr<CertListPackage> TokenSession::getAllCerts() {

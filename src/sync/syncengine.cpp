@@ -6,8 +6,10 @@
 
 #include "nebralib/buffer/codecs.h"
 #include "nebralib/certstorehelper.h"
+#include "nebralib/events/certstoreupdatererror.h"
 #include "nebralib/tokensession.h"
 #include "nebralib/tokenstore.h"
+#include "platform/storelock.h"
 
 namespace pkcs11 {
 namespace certstoreupdater {
@@ -32,6 +34,31 @@ SyncChange changeOf(const std::wstring& container, const std::wstring& label,
 void logChange(const SyncOptions& o, const StoreTarget& t, const std::string& what,
                const SyncChange& c) {
     if (o.log) o.log(utf8(t.store) + ": " + what + " " + utf8(c.container) + "  " + utf8(c.name));
+}
+
+// Holds the store for one read-change-write; raises CertStoreUpdaterError_OpenSystemStore with
+// the reason when it cannot.
+class Locked {
+public:
+    explicit Locked(const std::wstring& store) : lock_(store) {
+        if (!lock_.locked())
+            throw CertStoreUpdaterError_OpenSystemStore(buffer::Buffer<wchar_t>(L"src\\sync"),
+                                                        kLineStoreLock)
+                .setParam(L"STORE", buffer::Buffer<wchar_t>(store))
+                .setParam(L"REASON", buffer::Buffer<wchar_t>(buffer::fromUtf8(lock_.reason())));
+    }
+
+private:
+    static constexpr int kLineStoreLock = 40;
+    platform::certstore::StoreLock lock_;
+};
+
+// Store names compare as the stores do: ASCII letters without case.
+std::wstring storeKey(const std::wstring& name) {
+    std::wstring key = name;
+    for (wchar_t& c : key)
+        if (c >= L'a' && c <= L'z') c = static_cast<wchar_t>(c - L'a' + L'A');
+    return key;
 }
 
 constexpr const char* kBlankSerial =
@@ -81,8 +108,9 @@ namespace {
 // of the store: a certificate goes when no other token records it. A blank serial never
 // identifies a token well enough to remove by it.
 template <class Ours, class Keep>
-void releaseFrom(const SyncOptions& o, const StoreTarget& t, CertStoreHelper& helper,
-                 StoreResult& r, Ours ours, Keep keep) {
+void releaseFrom(const SyncOptions& o, const StoreTarget& t, StoreResult& r, Ours ours, Keep keep) {
+    Locked locked(t.store);
+    CertStoreHelper helper(t.store);
     TokenStore store(helper);
     for (const TokenCertificate& tc : store.listTokenCertificates(o.csp)) {
         if (tc.unreadable) {
@@ -121,63 +149,71 @@ void releaseFrom(const SyncOptions& o, const StoreTarget& t, CertStoreHelper& he
 }  // namespace
 
 // One store's group: adds what is missing, records the token on what is its own, rebinds a
-// certificate whose CKA_ID changed, and leaves everything else as it is.
-void SyncEngine::syncStore(const StoreTarget& t, const CertMap& certs, const TokenIdentity& token,
-                           StoreResult& r) const {
+// certificate whose CKA_ID changed, and leaves everything else as it is. The store is locked from
+// the listing to the last write, so the listing decided on is the store as it is written.
+void SyncEngine::syncStore(const StoreTarget& t, const std::vector<const TokenObject*>& certs,
+                           const TokenIdentity& token, StoreResult& r) const {
     const SyncOptions& o = o_;
+    Locked locked(t.store);
     CertStoreHelper store(t.store);
     TokenStore tokens(store);
+    // A certificate bound this way that records no token is completed where the platform cannot
+    // make the addition and its record one change: it is what an interrupted addition leaves.
+    const bool complete = o.adopt || !tokens.atomicWrites();
     // The provider's certificates by DER: one walk of the store instead of a lookup per
     // certificate that is present but bound otherwise.
     std::map<Der, TokenCertificate> ours;
     for (auto& tc : tokens.listTokenCertificates(o.csp)) ours.emplace(tc.certificate.der(), tc);
     std::set<Der> seen;  // a token may hold one certificate under several CKA_IDs
     std::size_t done = 0;
-    for (const auto& entry : certs) {
-        const std::wstring container = entry.first.str();
-        const CertItem& item = entry.second;
+    for (const TokenObject* object : certs) {
+        if (o.stop && o.stop()) {
+            r.interrupted = true;
+            return;
+        }
+        const std::wstring& container = object->container;
+        const CertItem& item = object->item;
         const SyncChange c = changeOf(container, item.label.str(), item.certificate);
         const Der& key = item.certificate.der();
         auto found = ours.find(key);
         const TokenCertificate* mine = found == ours.end() ? nullptr : &found->second;
         auto record = [&] {
-            if (o.dryRun) return;
             if (tokens.recordTokenIdentity(item.certificate, token) ==
                 TokenStore::Record::Unreadable)
                 r.unreadable.push_back(c);
         };
+        // The addition (or rebinding) and the token record as one change.
+        auto bind = [&](bool replace) {
+            TokenStore::Batch batch(tokens);
+            if (replace) store.deleteCertificate(item.certificate);
+            store.addCspCertificate(o.csp, container, item.label.str(), item.certificate,
+                                    t.keyProvInfo, true, true);
+            record();
+            batch.commit();
+        };
         const bool again = !seen.insert(key).second;
         if (!again && store.findCspCertificate(o.csp, container, item.certificate, t.keyProvInfo)) {
-            // Bound this way already. One that records no token is not taken over unless asked:
-            // a host program may have written it. The walk above tells whether this token is
-            // recorded already, so an unchanged certificate costs this one lookup.
+            // Bound this way already. One that records no token is not taken over unless asked
+            // (a host program may have written it) or completed. The walk above tells whether
+            // this token is recorded already, so an unchanged certificate costs this one lookup.
             if (mine && mine->unreadable) {
                 r.unreadable.push_back(c);
-            } else if (mine && (!mine->tokens.empty() || o.adopt)) {
-                if (std::find(mine->tokens.begin(), mine->tokens.end(), token) ==
-                    mine->tokens.end())
+            } else if (mine && (!mine->tokens.empty() || complete)) {
+                if (!o.dryRun && std::find(mine->tokens.begin(), mine->tokens.end(), token) ==
+                                     mine->tokens.end())
                     record();
             }
             r.unchanged.push_back(c);
             logChange(o, t, "unchanged", c);
         } else if (!again && !store.findCertificate(item.certificate)) {
-            if (!o.dryRun) {
-                store.addCspCertificate(o.csp, container, item.label.str(), item.certificate,
-                                        t.keyProvInfo, true, true);
-                record();
-            }
+            if (!o.dryRun) bind(false);
             r.added.push_back(c);
             logChange(o, t, "added, bound to " + utf8(o.csp) + " container", c);
         } else if (!again && mine && !mine->unreadable && mine->tokens.size() == 1 &&
                    mine->tokens[0] == token) {
             // Only this token's, under another container (or without the key provider
             // information this group needs): its CKA_ID changed. Bind it anew.
-            if (!o.dryRun) {
-                store.deleteCertificate(item.certificate);
-                store.addCspCertificate(o.csp, container, item.label.str(), item.certificate,
-                                        t.keyProvInfo, true, true);
-                record();
-            }
+            if (!o.dryRun) bind(true);
             SyncChange moved = c;
             moved.container = mine->container + L" -> " + container;
             r.rebound.push_back(moved);
@@ -185,7 +221,7 @@ void SyncEngine::syncStore(const StoreTarget& t, const CertMap& certs, const Tok
         } else if (!again && mine && !mine->unreadable && !mine->tokens.empty()) {
             // Another token's binding: it stays, and records this token too, so that the other
             // token's removal does not take it while this one still holds it.
-            record();
+            if (!o.dryRun) record();
             SyncChange shared = c;
             shared.container = mine->container;
             r.shared.push_back(shared);
@@ -199,46 +235,71 @@ void SyncEngine::syncStore(const StoreTarget& t, const CertMap& certs, const Tok
     }
 }
 
-void SyncEngine::sync(const CertListPackage& all, const TokenIdentity& token,
+void SyncEngine::sync(const TokenContents& all, const TokenIdentity& token,
                       const std::vector<StoreTarget>& targets, const std::string& problem,
                       std::vector<StoreResult>& results) const {
+    // A certificate with a key keeps that binding in a store that also takes another of its
+    // groups (one certificate under two CKA_IDs, one with a key and one without).
+    std::set<std::pair<std::wstring, Der>> keyBound;
+    for (const StoreTarget& t : targets)
+        if (t.group == CertGroup::WithPrivateKey)
+            for (const TokenObject& object : all.certificates)
+                if (object.group == CertGroup::WithPrivateKey)
+                    keyBound.emplace(storeKey(t.store), object.item.certificate.der());
     const std::size_t first = results.size();
+    bool stopped = false;
     for (const StoreTarget& t : targets) {
         results.emplace_back();
         results.back().store = t.store;
         results.back().group = t.group;
-        syncStore(t, groupOf(all, t.group), token, results.back());
+        std::vector<const TokenObject*> certs;
+        for (const TokenObject& object : all.certificates)
+            if (object.group == t.group &&
+                (t.group == CertGroup::WithPrivateKey ||
+                 !keyBound.count({storeKey(t.store), object.item.certificate.der()})))
+                certs.push_back(&object);
+        // By container, as the token's CKA_IDs sort, whatever order the module lists them in.
+        std::stable_sort(
+            certs.begin(), certs.end(),
+            [](const TokenObject* a, const TokenObject* b) { return a->container < b->container; });
+        if (!stopped) syncStore(t, certs, token, results.back());
+        stopped = stopped || results.back().interrupted;
     }
-    if (!o_.prune) return;
-    // Prune per certificate over everything the token holds, whatever its group: one store may
-    // take several groups, and a certificate may move between groups.
+    if (!o_.prune || stopped) return;
+    // Prune per certificate over everything the token holds, whatever its group or CKA_ID: one
+    // store may take several groups, and a certificate may move between groups.
     std::set<Der> held;
-    for (const CertMap* group :
-         {&all.certsWithPrivateKey, &all.rootCerts, &all.caCerts, &all.otherCerts})
-        for (const auto& entry : *group) held.insert(entry.second.certificate.der());
+    for (const TokenObject& object : all.certificates) held.insert(object.item.certificate.der());
+    std::string why = problem;
+    if (why.empty() && !all.unreadable.empty())
+        why = std::to_string(all.unreadable.size()) +
+              " object(s) of the token could not be read, so what it holds is not known in full";
     std::set<std::wstring> pruned;
     for (std::size_t i = 0; i < targets.size(); ++i) {
-        if (!pruned.insert(targets[i].store).second) continue;
+        if (!pruned.insert(storeKey(targets[i].store)).second) continue;
         StoreResult& r = results[first + i];
-        if (!problem.empty()) {
-            r.skipped = problem;
+        if (!why.empty()) {
+            r.skipped = why;
             continue;
         }
-        CertStoreHelper store(targets[i].store);
         releaseFrom(
-            o_, targets[i], store, r, [&](const TokenIdentity& id) { return id == token; },
+            o_, targets[i], r, [&](const TokenIdentity& id) { return id == token; },
             [&](const TokenCertificate& tc) { return held.count(tc.certificate.der()) != 0; });
     }
 }
 
 void SyncEngine::sync(TokenSession& session, const std::vector<StoreTarget>& targets,
                       std::vector<StoreResult>& results) const {
-    const TokenIdentity token = session.identity();
+    const TokenIdentity token = session.chosen();
     if (o_.log) o_.log("token " + token.uri());
-    auto all = session.getAllCerts();
+    TokenContents all = session.readCertificates();
+    for (const UnreadableObject& u : all.unreadable)
+        if (o_.log)
+            o_.log("object not read: CKA_ID " + u.id + ", label bytes " + u.label + ": " +
+                   u.reason);
     std::string problem;
     if (o_.prune) problem = identityProblem(token, session.presentWithIdentity());
-    sync(*all, token, targets, problem, results);
+    sync(all, token, targets, problem, results);
 }
 
 void SyncEngine::release(const StoreTarget& t,
@@ -246,8 +307,7 @@ void SyncEngine::release(const StoreTarget& t,
                          StoreResult& r) const {
     r.store = t.store;
     r.group = t.group;
-    CertStoreHelper store(t.store);
-    releaseFrom(o_, t, store, r, ours, [](const TokenCertificate&) { return false; });
+    releaseFrom(o_, t, r, ours, [](const TokenCertificate&) { return false; });
 }
 
 }  // namespace certstoreupdater

@@ -64,16 +64,27 @@ int run(const Args& args) {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
     auto session = openToken(choice);
-    const TokenIdentity token = session->identity();
-    if (options.log) options.log("token " + token.uri());
     loginToken(*session, args, choice, std::cerr);
-    auto all = session->getAllCerts();
+    // The identity logged in to, checked at the login itself.
+    const TokenIdentity token = session->chosen();
+    if (options.log) options.log("token " + token.uri());
+    const TokenContents all = session->readCertificates();
     const Clock::time_point tokenRead = Clock::now();
+    for (const UnreadableObject& u : all.unreadable)
+        std::cerr << "warning: an object of the token was skipped: CKA_ID " << u.id
+                  << ", label bytes " << (u.label.empty() ? "(none)" : u.label) << ": "
+                  << shown(u.reason) << "\n";
 
     std::string problem;
     if (options.prune) problem = SyncEngine::identityProblem(token, session->presentWithIdentity());
     std::vector<StoreResult> results;
-    SyncEngine(options).sync(*all, token, targets, problem, results);
+    {
+        // From here a signal ends the run between two certificates, never inside one.
+        StopOnSignal signals;
+        options.stop = [] { return StopOnSignal::requested(); };
+        SyncEngine(options).sync(all, token, targets, problem, results);
+    }
+    const bool interrupted = !results.empty() && results.back().interrupted;
     if (args.flag("timings")) {
         auto ms = [](Clock::duration d) {
             return std::chrono::duration<double, std::milli>(d).count();
@@ -86,11 +97,15 @@ int run(const Args& args) {
         std::cout << "{\"dryRun\":" << (options.dryRun ? "true" : "false")
                   << ",\"csp\":" << jsonString(args.get("csp"))
                   << ",\"token\":" << jsonString(token.uri())
+                  << ",\"interrupted\":" << (interrupted ? "true" : "false")
                   << ",\"stores\":" << resultsJson(results) << "}\n";
-        return 0;
+    } else {
+        printResults(std::cout, results, options.prune, options.dryRun);
     }
-    printResults(std::cout, results, options.prune, options.dryRun);
-    return 0;
+    if (!interrupted) return 0;
+    std::cerr << "nebra: the sync was stopped by a signal; the certificates listed were written "
+                 "in full, the rest of the token was not synced and nothing was pruned\n";
+    return 1;
 }
 
 Registrar reg({"sync",

@@ -141,10 +141,14 @@ struct Watcher {
             chosen.uri = Pkcs11Uri::parse(t.uri());
             TokenSession session(chosen);
             loginToken(session, args, choice, std::cerr, false, &gStop);
-            auto all = session.getAllCerts();
+            const TokenContents all = session.readCertificates();
+            for (const auto& u : all.unreadable)
+                emit("error", t,
+                     "an object of the token was skipped: CKA_ID " + u.id + ", label bytes " +
+                         (u.label.empty() ? "(none)" : u.label) + ": " + u.reason);
             std::vector<StoreResult> results;
             SyncEngine(options).sync(
-                *all, t, targets, SyncEngine::identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1),
+                all, t, targets, SyncEngine::identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1),
                 results);
             emit("synced", t, summary(results));
         } catch (const orvo::GenericEvent& e) {

@@ -1,5 +1,6 @@
 #include "tools/nebra/syncer.h"
 
+#include <csignal>
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -31,7 +32,25 @@ std::string changesJson(const std::vector<SyncChange>& v) {
     return out + "]";
 }
 
+volatile std::sig_atomic_t gStopRequested = 0;
+
+extern "C" void requestStop(int) {
+    gStopRequested = 1;
+}
+
 }  // namespace
+
+StopOnSignal::StopOnSignal()
+    : int_(std::signal(SIGINT, requestStop)), term_(std::signal(SIGTERM, requestStop)) {}
+
+StopOnSignal::~StopOnSignal() {
+    std::signal(SIGINT, int_ == SIG_ERR ? SIG_DFL : int_);
+    std::signal(SIGTERM, term_ == SIG_ERR ? SIG_DFL : term_);
+}
+
+bool StopOnSignal::requested() {
+    return gStopRequested != 0;
+}
 
 std::vector<StoreTarget> storeTargets(const Args& args) {
     std::vector<StoreTarget> targets{

@@ -17,6 +17,24 @@ using pkcs11::certstoreupdater::StoreTarget;
 using pkcs11::certstoreupdater::SyncChange;
 using pkcs11::certstoreupdater::SyncEngine;
 using pkcs11::certstoreupdater::SyncOptions;
+using pkcs11::certstoreupdater::TokenContents;
+using pkcs11::certstoreupdater::UnreadableObject;
+
+// While it lives, SIGINT and SIGTERM (Ctrl-C, Ctrl-Break on Windows) only set a flag that
+// requested() reads, so that a run stops between two certificates; the previous handlers come
+// back when it goes.
+class StopOnSignal {
+public:
+    StopOnSignal();
+    ~StopOnSignal();
+    StopOnSignal(const StopOnSignal&) = delete;
+    StopOnSignal& operator=(const StopOnSignal&) = delete;
+    static bool requested();
+
+private:
+    void (*int_)(int);
+    void (*term_)(int);
+};
 
 // --store (default MY) for the certificates with a key; --roots, --cas, --others when given.
 std::vector<StoreTarget> storeTargets(const Args& args);
