@@ -11,10 +11,12 @@
 #include <cstdint>
 #include <string>
 
+#include "nebralib/export.h"
+
 namespace platform {
 namespace certstore {
 
-class StoreLock {
+class NEBRALIB_EXPORT StoreLock {
 public:
     // Waits until the store is free. locked() is false when the lock could not be made (its
     // reason in lastError() and in reason()).

@@ -248,6 +248,10 @@ void Process::kill9() {
     kill(pid_, SIGKILL);
 }
 
+void Process::signal(int sig) {
+    kill(pid_, sig);
+}
+
 int Process::wait() {
     int status = 0;
     waitpid(pid_, &status, 0);

@@ -103,8 +103,9 @@ public:
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
     void kill9();
-    int wait();  // the exit status, or 128 + signal
-    int stop();  // SIGTERM and wait; -1 when it did not end and was killed
+    void signal(int sig);  // sends `sig` and returns at once
+    int wait();            // the exit status, or 128 + signal
+    int stop();            // SIGTERM and wait; -1 when it did not end and was killed
 
 private:
     int pid_ = -1;
