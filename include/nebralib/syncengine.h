@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -92,6 +93,21 @@ struct SyncOptions {
     // Asked between certificates whether to stop (a signal): the certificate in hand is finished,
     // the rest of the run left out, and the store's result marked interrupted.
     std::function<bool()> stop;
+};
+
+// Holds a store for one read-change-write: every writer on the machine that holds it too (the
+// engine's syncs, prunes and releases, a removal by provider) waits until it is let go. Raises
+// CertStoreUpdaterError_OpenSystemStore with the reason when the store cannot be held.
+class NEBRALIB_EXPORT StoreHold {
+public:
+    explicit StoreHold(const std::wstring& store);
+    ~StoreHold();
+    StoreHold(const StoreHold&) = delete;
+    StoreHold& operator=(const StoreHold&) = delete;
+
+private:
+    struct Lock;
+    std::unique_ptr<Lock> lock_;
 };
 
 class NEBRALIB_EXPORT SyncEngine {

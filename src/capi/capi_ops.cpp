@@ -251,7 +251,9 @@ nebra_status* nebra_remove_provider(const char* store, const char* csp, uint64_t
         if (removed) *removed = 0;
         const std::wstring provider = wide(csp, nullptr, "csp");
         if (provider.empty()) return fail(NEBRA_E_ARGUMENT, "csp is empty");
-        CertStoreHelper helper(wide(store, L"MY", "store"));
+        const std::wstring name = wide(store, L"MY", "store");
+        StoreHold held(name);  // a sync of the same store waits
+        CertStoreHelper helper(name);
         std::vector<TokenStore::TokenCertificate> before =
             TokenStore(helper).listTokenCertificates(provider);
         helper.deleteCspCertificates(provider, false);

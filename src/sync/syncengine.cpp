@@ -36,23 +36,6 @@ void logChange(const SyncOptions& o, const StoreTarget& t, const std::string& wh
     if (o.log) o.log(utf8(t.store) + ": " + what + " " + utf8(c.container) + "  " + utf8(c.name));
 }
 
-// Holds the store for one read-change-write; raises CertStoreUpdaterError_OpenSystemStore with
-// the reason when it cannot.
-class Locked {
-public:
-    explicit Locked(const std::wstring& store) : lock_(store) {
-        if (!lock_.locked())
-            throw CertStoreUpdaterError_OpenSystemStore(buffer::Buffer<wchar_t>(L"src\\sync"),
-                                                        kLineStoreLock)
-                .setParam(L"STORE", buffer::Buffer<wchar_t>(store))
-                .setParam(L"REASON", buffer::Buffer<wchar_t>(buffer::fromUtf8(lock_.reason())));
-    }
-
-private:
-    static constexpr int kLineStoreLock = 40;
-    platform::certstore::StoreLock lock_;
-};
-
 // Store names compare as the stores do: ASCII letters without case.
 std::wstring storeKey(const std::wstring& name) {
     std::wstring key = name;
@@ -66,6 +49,22 @@ constexpr const char* kBlankSerial =
     "another token of the same kind";
 
 }  // namespace
+
+struct StoreHold::Lock {
+    explicit Lock(const std::wstring& store) : lock(store) {}
+    platform::certstore::StoreLock lock;
+};
+
+StoreHold::StoreHold(const std::wstring& store) : lock_(new Lock(store)) {
+    constexpr int kLineStoreLock = 40;
+    if (!lock_->lock.locked())
+        throw CertStoreUpdaterError_OpenSystemStore(buffer::Buffer<wchar_t>(L"src\\sync"),
+                                                    kLineStoreLock)
+            .setParam(L"STORE", buffer::Buffer<wchar_t>(store))
+            .setParam(L"REASON", buffer::Buffer<wchar_t>(buffer::fromUtf8(lock_->lock.reason())));
+}
+
+StoreHold::~StoreHold() = default;
 
 const char* groupName(CertGroup group) {
     switch (group) {
@@ -109,7 +108,7 @@ namespace {
 // identifies a token well enough to remove by it.
 template <class Ours, class Keep>
 void releaseFrom(const SyncOptions& o, const StoreTarget& t, StoreResult& r, Ours ours, Keep keep) {
-    Locked locked(t.store);
+    StoreHold held(t.store);
     CertStoreHelper helper(t.store);
     TokenStore store(helper);
     for (const TokenCertificate& tc : store.listTokenCertificates(o.csp)) {
@@ -154,7 +153,7 @@ void releaseFrom(const SyncOptions& o, const StoreTarget& t, StoreResult& r, Our
 void SyncEngine::syncStore(const StoreTarget& t, const std::vector<const TokenObject*>& certs,
                            const TokenIdentity& token, StoreResult& r) const {
     const SyncOptions& o = o_;
-    Locked locked(t.store);
+    StoreHold held(t.store);
     CertStoreHelper store(t.store);
     TokenStore tokens(store);
     // A certificate bound this way that records no token is completed where the platform cannot

@@ -76,6 +76,7 @@ int run(const nebra::Args& args) {
         std::cout << ".\n";
         return 0;
     }
+    pkcs11::certstoreupdater::StoreHold held(store);  // a sync of the same store waits
     auto helper = nebra::openStore(args);
     std::size_t containers = helper->listCertsByCsp(csp, false)->size();
     auto before = pkcs11::certstoreupdater::TokenStore(*helper).listTokenCertificates(csp);
