@@ -215,10 +215,10 @@ void TokenSession::loginChecked(const buffer::Buffer<unsigned char>* pin) {
             else
                 fresh->loginProtected(CKU_USER);
         } catch (const Pkcs11Error_CryptokiError& e) {
-            const unsigned long rv = cryptokiCode(e);
+            const unsigned long code = cryptokiCode(e);
             // Another session of this program logged in meanwhile: the login state is shared.
-            if (rv != CKR_USER_ALREADY_LOGGED_IN || !loggedIn(*fresh)) {
-                if (rv == CKR_PIN_INCORRECT) {
+            if (code != CKR_USER_ALREADY_LOGGED_IN || !loggedIn(*fresh)) {
+                if (code == CKR_PIN_INCORRECT) {
                     std::lock_guard<std::mutex> lock(refusedMutex);
                     refusedPins().insert(chosen_.uri());
                 }
