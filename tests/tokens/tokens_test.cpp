@@ -293,6 +293,23 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
              "'",
          2,
          {"a PIN is never taken from the command line"}},
+        // However malformed the URI, its PIN is refused before it could be echoed, and a URI is
+        // only ever shown with its PIN redacted.
+        {"token --module 'pkcs11:token=a b?pin-value=4321&module-path=" + fault + "'",
+         2,
+         {"a PIN is never taken from the command line", "!4321"},
+         0},
+        {"token --verbose --module 'pkcs11:PIN-VALUE=4321;token=cardA?module-path=" + fault + "'",
+         2,
+         {"a PIN is never taken", "!4321"},
+         0},
+        {"token --json --module 'pkcs11:token=cardA?pin%2Dvalue=4321&module-path=" + fault + "'",
+         2,
+         {"a PIN is never taken", "!4321"},
+         0},
+        {"remove --csp Prov --token 'pkcs11:token=nobody?pin-value=4321'" + cli,
+         0,
+         {"the tokens matching pkcs11:token=nobody?pin-value=<redacted> from", "!4321"}},
         // PINs: from a file of the owner's only (a file: URI with an empty or local host, or a
         // path); nothing reaches the module from an empty PIN, a folder, a file others may
         // read, another scheme or host, a locked token or one with a single try left.

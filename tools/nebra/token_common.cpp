@@ -23,8 +23,10 @@ using pkcs11::certstoreupdater::TokenIdentity;
 TokenChoice chooseToken(const Args& args) {
     if (!args.has("module") || args.get("module").empty()) throw UsageError("--module is required");
     const std::string given = args.get("module");
-    if (pkcs11::certstoreupdater::Pkcs11Uri::looksLikeUri(given) &&
-        pkcs11::certstoreupdater::Pkcs11Uri::parse(given).hasQuery("pin-value"))
+    // Refused on the text, before anything could put the URI, and its PIN, into a message.
+    bool carriesPin = false;
+    pkcs11::certstoreupdater::redactPinValue(given, &carriesPin);
+    if (carriesPin)
         throw UsageError(
             "the URI carries a PIN (pin-value); a PIN is never taken from the command line: use "
             "pin-source=file:FILE, --pin-env VAR or --pin-file FILE");
