@@ -29,9 +29,13 @@ NEBRALIB_EXPORT bool stderrIsTerminal();
 // seconds for the program to finish on its own.
 NEBRALIB_EXPORT void onStopRequest(void (*stop)());
 
-// Why a file that holds a secret (a PIN) must not be read, or "" when it may: it must be a regular
-// file, and on POSIX systems neither group nor others may have any access to it.
-NEBRALIB_EXPORT std::string secretFileProblem(const std::string& utf8Path);
+// Reads the first line of a file that holds a secret (a PIN) into `line` (without its line end)
+// and returns "", or returns why the file is refused. The file is opened once and checked on the
+// open file, then read from it, so it cannot be swapped between check and read. It must be a
+// regular file; on POSIX systems its last component must not be a symbolic link, it must belong
+// to the effective user and neither group nor others may have any access to it, and opening it
+// never waits (a FIFO is refused, not read). On Windows its ACL guards it.
+NEBRALIB_EXPORT std::string readSecretFile(const std::string& utf8Path, std::string& line);
 
 }  // namespace console
 }  // namespace platform

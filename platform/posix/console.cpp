@@ -1,5 +1,6 @@
 #include "platform/console.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -9,7 +10,9 @@
 #include <csignal>
 #include <thread>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 
 namespace platform {
@@ -61,15 +64,40 @@ void onStopRequest(void (*stop)()) {
     }).detach();
 }
 
-std::string secretFileProblem(const std::string& path) {
+std::string readSecretFile(const std::string& path, std::string& line) {
+    line.clear();
+    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0)
+        return errno == ELOOP ? "it is a symbolic link; name the file itself"
+                              : std::string("it cannot be opened (") + std::strerror(errno) + ")";
+    struct Close {
+        int fd;
+        ~Close() { close(fd); }
+    } closeAtEnd{fd};
     struct stat st {};
-    if (stat(path.c_str(), &st) != 0) return "it cannot be read";
+    if (fstat(fd, &st) != 0) return "it cannot be read";
     if (!S_ISREG(st.st_mode)) return "it is not a regular file";
+    if (st.st_uid != geteuid())
+        return "it belongs to another user (uid " + std::to_string(st.st_uid) +
+               "), not to the user running this (uid " + std::to_string(geteuid()) + ")";
     if (st.st_mode & 077) {
         char mode[8];
         std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
         return std::string("group or others may access it (mode ") + mode + "); chmod 600 it";
     }
+    char buf[64];
+    ssize_t n = 0;
+    while ((n = read(fd, buf, sizeof buf)) != 0) {
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) break;
+        const void* end = std::memchr(buf, '\n', static_cast<std::size_t>(n));
+        line.append(buf, static_cast<std::size_t>(end ? static_cast<const char*>(end) - buf : n));
+        if (end) break;
+    }
+    volatile char* wipe = buf;
+    for (std::size_t i = 0; i < sizeof buf; ++i) wipe[i] = 0;
+    if (n < 0) return "it cannot be read";
+    if (!line.empty() && line.back() == '\r') line.pop_back();
     return "";
 }
 

@@ -7,6 +7,7 @@
 #include <io.h>
 
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 
 namespace platform {
@@ -90,15 +91,36 @@ void onStopRequest(void (*stop)()) {
     SetConsoleCtrlHandler(onConsoleEvent, TRUE);
 }
 
-std::string secretFileProblem(const std::string& path) {
+std::string readSecretFile(const std::string& path, std::string& line) {
+    line.clear();
     int size = static_cast<int>(path.size());
     int n = MultiByteToWideChar(CP_UTF8, 0, path.data(), size, nullptr, 0);
     std::wstring wide(static_cast<std::size_t>(n > 0 ? n : 0), L'\0');
     if (n > 0) MultiByteToWideChar(CP_UTF8, 0, path.data(), size, &wide[0], n);
-    DWORD attributes = GetFileAttributesW(wide.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES) return "it cannot be read";
-    if (attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE))
+    // Folders open too (backup semantics), to be refused as such.
+    HANDLE file = CreateFileW(wide.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                              FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return "it cannot be opened";
+    struct Close {
+        HANDLE h;
+        ~Close() { CloseHandle(h); }
+    } closeAtEnd{file};
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (GetFileType(file) != FILE_TYPE_DISK || !GetFileInformationByHandle(file, &info) ||
+        (info.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)))
         return "it is not a regular file";
+    char buf[64];
+    DWORD got = 0;
+    BOOL ok = TRUE;
+    while ((ok = ReadFile(file, buf, sizeof buf, &got, nullptr)) && got > 0) {
+        const void* end = std::memchr(buf, '\n', got);
+        line.append(buf, end ? static_cast<std::size_t>(static_cast<const char*>(end) - buf)
+                             : static_cast<std::size_t>(got));
+        if (end) break;
+    }
+    SecureZeroMemory(buf, sizeof buf);
+    if (!ok) return "it cannot be read";
+    if (!line.empty() && line.back() == '\r') line.pop_back();
     return "";  // access is the file's ACL's business on Windows
 }
 

@@ -239,13 +239,18 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
                       fault = nebratest::SoftHsm::faultModule();
     const std::string padA = "--module 'pkcs11:token=cardA?module-path=" + fault + "'";
     const std::string pinA = "'pkcs11:token=cardA?module-path=" + fault + "&pin-source=";
-    // PIN files: the owner's only, one readable by others, an empty one, a folder.
+    // PIN files: the owner's only, one readable by others, an empty one, a folder, another
+    // user's, a link to the owner's.
     const std::string pin = data.file("pin"), loose = data.file("loose"),
-                      empty = data.file("empty");
+                      empty = data.file("empty"), foreign = data.file("foreign"),
+                      link = data.file("link");
     nebratest::writeFile(pin, "1234\n");
     nebratest::writeFile(loose, "1234\n");
     nebratest::writeFile(empty, "");
-    ASSERT_EQ(nebratest::sh("chmod 600 '" + pin + "' '" + empty + "' && chmod 644 '" + loose + "'"),
+    nebratest::writeFile(foreign, "1234\n");
+    ASSERT_EQ(nebratest::sh("chmod 600 '" + pin + "' '" + empty + "' '" + foreign +
+                            "' && chmod 644 '" + loose + "' && chown 65534 '" + foreign +
+                            "' && ln -s '" + pin + "' '" + link + "'"),
               0);
     const std::string counts = data.file("counts");
     // A store with certificates of two providers, for list and remove; a broken database.
@@ -326,6 +331,11 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
          {"the PIN file " + loose + " is refused: group or others may access it (mode 0644)"},
          0},
         {"token --pin-file " + data.path() + " " + padA, 2, {"it is not a regular file"}, 0},
+        {"token --pin-file " + foreign + " " + padA,
+         2,
+         {"the PIN file " + foreign + " is refused: it belongs to another user (uid 65534)"},
+         0},
+        {"token --pin-file " + link + " " + padA, 2, {"it is a symbolic link"}, 0},
         {"token --pin-file " + empty + " " + padA, 2, {"the PIN is empty"}, 0},
         {"NOPIN= token --pin-env NOPIN " + padA, 2, {"the PIN is empty"}, 0},
         {"NEBRA_FAULT=TOKENFLAGS=0x40000 token --pin-env PIN " + padA,

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <fstream>
 #include <iostream>
 #include <set>
 #include <stdexcept>
@@ -73,14 +72,10 @@ private:
 };
 
 void readPinFile(const std::string& path, Secret& pin) {
-    std::string problem = platform::console::secretFileProblem(path);
+    std::string problem = platform::console::readSecretFile(path, pin.text());
     if (!problem.empty())
         throw UsageError("the PIN file " + path + " is refused: " + problem +
                          "; no PIN was sent to the token");
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw UsageError("cannot read the PIN file " + path);
-    std::getline(in, pin.text());
-    if (!pin.text().empty() && pin.text().back() == '\r') pin.text().pop_back();
 }
 
 // The file a URI's pin-source names: "file:" with an absolute path, an empty authority
