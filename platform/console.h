@@ -29,6 +29,10 @@ NEBRALIB_EXPORT bool stderrIsTerminal();
 // seconds for the program to finish on its own.
 NEBRALIB_EXPORT void onStopRequest(void (*stop)());
 
+// Takes the variable out of the process's environment, so that the processes it starts do not
+// inherit it.
+NEBRALIB_EXPORT void removeEnvironmentVariable(const std::string& name);
+
 // Reads the first line of a file that holds a secret (a PIN) into `line` (without its line end)
 // and returns "", or returns why the file is refused. The file is opened once and checked on the
 // open file, then read from it, so it cannot be swapped between check and read. It must be a

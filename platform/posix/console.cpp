@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 
@@ -62,6 +63,10 @@ void onStopRequest(void (*stop)()) {
         for (int signal = 0;;)
             if (sigwait(&signals, &signal) == 0) stop();
     }).detach();
+}
+
+void removeEnvironmentVariable(const std::string& name) {
+    unsetenv(name.c_str());
 }
 
 std::string readSecretFile(const std::string& path, std::string& line) {

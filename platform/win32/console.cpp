@@ -7,6 +7,7 @@
 #include <io.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 
@@ -89,6 +90,11 @@ BOOL WINAPI onConsoleEvent(DWORD type) {
 void onStopRequest(void (*stop)()) {
     gStop = stop;
     SetConsoleCtrlHandler(onConsoleEvent, TRUE);
+}
+
+void removeEnvironmentVariable(const std::string& name) {
+    _putenv_s(name.c_str(), "");                     // the C runtime's copy
+    SetEnvironmentVariableA(name.c_str(), nullptr);  // the one CreateProcess hands on
 }
 
 std::string readSecretFile(const std::string& path, std::string& line) {

@@ -240,15 +240,16 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
     const std::string padA = "--module 'pkcs11:token=cardA?module-path=" + fault + "'";
     const std::string pinA = "'pkcs11:token=cardA?module-path=" + fault + "&pin-source=";
     // PIN files: the owner's only, one readable by others, an empty one, a folder, another
-    // user's, a link to the owner's.
+    // user's, a link to the owner's, the owner's with a wrong PIN.
     const std::string pin = data.file("pin"), loose = data.file("loose"),
                       empty = data.file("empty"), foreign = data.file("foreign"),
-                      link = data.file("link");
+                      link = data.file("link"), wrong = data.file("wrong");
     nebratest::writeFile(pin, "1234\n");
     nebratest::writeFile(loose, "1234\n");
     nebratest::writeFile(empty, "");
     nebratest::writeFile(foreign, "1234\n");
-    ASSERT_EQ(nebratest::sh("chmod 600 '" + pin + "' '" + empty + "' '" + foreign +
+    nebratest::writeFile(wrong, "0000\n");
+    ASSERT_EQ(nebratest::sh("chmod 600 '" + pin + "' '" + empty + "' '" + foreign + "' '" + wrong +
                             "' && chmod 644 '" + loose + "' && chown 65534 '" + foreign +
                             "' && ln -s '" + pin + "' '" + link + "'"),
               0);
@@ -272,7 +273,8 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
     const std::string cli = " --store 'Cli Store'";
     // Each command each way: status, texts on stdout (or stderr when it fails; "2>" marks a text
     // that is on stderr when it succeeds, "!" one that must not appear), and how many C_Login
-    // calls the fault module saw (-1: not counted).
+    // calls the fault module saw (-1: not counted). A PIN taken from a variable is no longer in
+    // the environment when it reaches the module.
     const struct {
         std::string args;
         int status;
@@ -336,6 +338,16 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
          {"the PIN file " + foreign + " is refused: it belongs to another user (uid 65534)"},
          0},
         {"token --pin-file " + link + " " + padA, 2, {"it is a symbolic link"}, 0},
+        // One PIN source, given once: which of two would count is never guessed.
+        {"token --pin-env PIN --pin-file " + pin + " " + padA, 2, {"give one PIN source"}, 0},
+        {"token --pin-env PIN --module " + pinA + "file:" + pin + "'",
+         2,
+         {"give one PIN source"},
+         0},
+        {"token --pin-file " + pin + " --pin-file=" + wrong + " " + padA,
+         2,
+         {"option --pin-file is given twice"},
+         0},
         {"token --pin-file " + empty + " " + padA, 2, {"the PIN is empty"}, 0},
         {"NOPIN= token --pin-env NOPIN " + padA, 2, {"the PIN is empty"}, 0},
         {"NEBRA_FAULT=TOKENFLAGS=0x40000 token --pin-env PIN " + padA,
@@ -431,6 +443,10 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
         EXPECT_EQ(r.status, run.status) << run.args << "\n" << r.err;
         if (run.logins >= 0) {
             EXPECT_EQ(loginsIn(counts), run.logins) << run.args;
+        }
+        if (run.args.find("--pin-env") != std::string::npos) {
+            EXPECT_EQ(count(nebratest::readFile(counts), "C_Login:pin-in-environment"), 0u)
+                << run.args;
         }
         for (const std::string& t : run.texts) {
             const std::string& text = t.rfind("2>", 0) == 0 || run.status ? r.err : r.out;

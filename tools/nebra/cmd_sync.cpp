@@ -54,6 +54,7 @@ int run(const Args& args) {
     args.allow({"module", "csp", "store", "roots", "cas", "others", "prune", "dry-run", "json",
                 "pin-env", "pin-file", "timings", "no-pin-pad", "verbose", "adopt"});
     TokenChoice choice = chooseToken(args);
+    const PinSource pins(args, choice);
     if (!args.has("csp") || args.get("csp").empty()) throw UsageError("--csp is required");
     SyncOptions options = syncOptions(wideFromUtf8(args.get("csp")), args.flag("verbose"));
     options.prune = args.flag("prune");
@@ -66,7 +67,7 @@ int run(const Args& args) {
     auto session = openToken(choice);
     const TokenIdentity token = session->identity();
     if (options.log) options.log("token " + token.uri());
-    loginToken(*session, args, choice, std::cerr);
+    loginToken(*session, args, pins, std::cerr);
     auto all = session->getAllCerts();
     const Clock::time_point tokenRead = Clock::now();
 

@@ -47,9 +47,10 @@ std::string groupJson(const pkcs11::certstoreupdater::CertMap& m) {
 int run(const Args& args) {
     args.allow({"module", "pin-env", "pin-file", "json", "no-pin-pad"});
     TokenChoice choice = chooseToken(args);
+    const PinSource pins(args, choice);
     auto helper = openToken(choice);
     pkcs11::CkTokenInfo info = helper->tokenInfo();
-    loginToken(*helper, args, choice, std::cerr);
+    loginToken(*helper, args, pins, std::cerr);
     auto all = helper->getAllCerts();
     if (args.flag("json")) {
         std::cout << "{\"token\":{\"label\":" << jsonString(utf8(info.label))

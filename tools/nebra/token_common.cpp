@@ -45,31 +45,7 @@ std::unique_ptr<TokenSession> openToken(const TokenChoice& choice) {
     }
 }
 
-bool hasPinSource(const Args& args, const TokenChoice& choice) {
-    return args.has("pin-env") || args.has("pin-file") ||
-           (choice.byUri && choice.uri.hasQuery("pin-source"));
-}
-
 namespace {
-
-// A PIN in memory: its bytes are overwritten when it goes. Room is reserved up front, so that
-// reading it does not leave copies behind in reallocated memory.
-class Secret {
-public:
-    Secret() { text_.reserve(256); }
-    ~Secret() { wipe(); }
-    Secret(const Secret&) = delete;
-    Secret& operator=(const Secret&) = delete;
-    std::string& text() { return text_; }
-    void wipe() {
-        volatile char* p = text_.empty() ? nullptr : &text_[0];
-        for (std::size_t i = 0; i < text_.size(); ++i) p[i] = 0;
-        text_.clear();
-    }
-
-private:
-    std::string text_;
-};
 
 void readPinFile(const std::string& path, Secret& pin) {
     std::string problem = platform::console::readSecretFile(path, pin.text());
@@ -103,6 +79,47 @@ std::string pinSourcePath(const std::string& source) {
     if (rest.empty()) throw UsageError("the URI's pin-source '" + source + "' names no file");
     return rest;
 }
+
+}  // namespace
+
+PinSource::PinSource(const Args& args, const TokenChoice& choice) {
+    const bool fromUri = choice.byUri && choice.uri.hasQuery("pin-source");
+    if (args.has("pin-env") + args.has("pin-file") + fromUri > 1)
+        throw UsageError(
+            "give one PIN source: --pin-env VAR, --pin-file FILE or the URI's pin-source");
+    if (args.has("pin-env")) {
+        kind_ = Kind::Env;
+        const std::string name = args.get("pin-env");
+        const char* value = std::getenv(name.c_str());
+        if (!value) throw UsageError("environment variable " + name + " is not set");
+        env_.text() = value;
+        platform::console::removeEnvironmentVariable(name);
+    } else if (args.has("pin-file")) {
+        kind_ = Kind::File;
+        file_ = args.get("pin-file");
+    } else if (fromUri) {
+        kind_ = Kind::File;
+        file_ = pinSourcePath(choice.uri.query("pin-source"));
+    }
+}
+
+void PinSource::read(Secret& pin, bool mayPrompt) const {
+    if (kind_ == Kind::Env) {
+        pin.text() = env_.text();
+    } else if (kind_ == Kind::File) {
+        readPinFile(file_, pin);
+    } else if (mayPrompt) {
+        std::string typed = platform::console::promptHidden("PIN: ");
+        pin.text() = typed;
+        std::fill(typed.begin(), typed.end(), '\0');
+    } else {
+        throw UsageError(
+            "a PIN is needed: give --pin-env VAR, --pin-file FILE or the URI's "
+            "pin-source=file:FILE");
+    }
+}
+
+namespace {
 
 // The PIN-pad login, where the caller may stop waiting for it.
 void keypadLogin(TokenSession& helper, const pkcs11::CkTokenInfo& info, std::ostream& notice,
@@ -140,8 +157,8 @@ void keypadLogin(TokenSession& helper, const pkcs11::CkTokenInfo& info, std::ost
 
 }  // namespace
 
-void loginToken(TokenSession& helper, const Args& args, const TokenChoice& choice,
-                std::ostream& notice, bool mayPrompt, const volatile std::sig_atomic_t* stop) {
+void loginToken(TokenSession& helper, const Args& args, const PinSource& pins, std::ostream& notice,
+                bool mayPrompt, const volatile std::sig_atomic_t* stop) {
     pkcs11::CkTokenInfo info = helper.tokenInfo();
     const std::string label = shown(utf8(info.label));
     helper.checkLogin(info, true);
@@ -161,23 +178,7 @@ void loginToken(TokenSession& helper, const Args& args, const TokenChoice& choic
     }
     helper.checkLogin(info, false);
     Secret pin;
-    if (args.has("pin-env")) {
-        const char* v = std::getenv(args.get("pin-env").c_str());
-        if (!v) throw UsageError("environment variable " + args.get("pin-env") + " is not set");
-        pin.text() = v;
-    } else if (args.has("pin-file")) {
-        readPinFile(args.get("pin-file"), pin);
-    } else if (choice.byUri && choice.uri.hasQuery("pin-source")) {
-        readPinFile(pinSourcePath(choice.uri.query("pin-source")), pin);
-    } else if (mayPrompt) {
-        std::string typed = platform::console::promptHidden("PIN: ");
-        pin.text() = typed;
-        std::fill(typed.begin(), typed.end(), '\0');
-    } else {
-        throw UsageError(
-            "a PIN is needed: give --pin-env VAR, --pin-file FILE or the URI's "
-            "pin-source=file:FILE");
-    }
+    pins.read(pin, mayPrompt);
     if (pin.text().empty())
         throw UsageError("the PIN is empty; an empty PIN is never sent to a token");
     try {
