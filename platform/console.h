@@ -9,8 +9,16 @@
 namespace platform {
 namespace console {
 
-// Prints `prompt` on the terminal and reads a line without echo (plain read when not a terminal).
-NEBRALIB_EXPORT std::string promptHidden(const char* prompt);
+// Prints `prompt` on the terminal and reads a line into `line` without echo (plain read when not a
+// terminal; the line end is dropped). The input is read byte by byte up to the line end, with no
+// buffer that would read ahead and keep a copy of the secret (and of the input after it); `line`
+// should have room reserved, and when it must grow its old bytes are overwritten first.
+NEBRALIB_EXPORT void promptHidden(const char* prompt, std::string& line);
+// Keeps the process out of dumps from now on, before it holds a secret: on Linux it becomes
+// non-dumpable (no core file; other processes of the user can neither trace it nor read its
+// memory), on other POSIX systems core files are turned off. Nothing on Windows, where crash
+// dumps are the system's configuration.
+NEBRALIB_EXPORT void makeUndumpable();
 // The program's arguments (without the program name) as UTF-8; on Windows they are taken from the
 // wide command line, so names outside the ANSI code page survive.
 NEBRALIB_EXPORT std::vector<std::string> utf8Arguments(int argc, char** argv);

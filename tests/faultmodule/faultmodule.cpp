@@ -29,13 +29,17 @@
 //                       finalised (once per load: a program that reloads the module adds up);
 //                       "C_Login:pin-in-environment" counts the logins whose PIN was also the
 //                       value of an environment variable of the process (which every process
-//                       the module starts would inherit)
+//                       the module starts would inherit), "C_Login:dumpable" those with a PIN
+//                       while the process could be dumped (Linux)
 #ifdef _WIN32
 #include <windows.h>
 #define NEBRA_FAULT_EXPORT __declspec(dllexport)
 #else
 #include <dlfcn.h>
 #include <unistd.h>
+#ifdef __linux__
+#include <sys/prctl.h>
+#endif
 #define NEBRA_FAULT_EXPORT __attribute__((visibility("default")))
 #endif
 
@@ -244,9 +248,16 @@ bool inEnvironment(const std::string& value) {
 }
 
 CK_RV wLogin(CK_SESSION_HANDLE s, CK_USER_TYPE user, CK_UTF8CHAR_PTR pin, CK_ULONG len) {
-    if (pin && len && inEnvironment(std::string(reinterpret_cast<const char*>(pin), len))) {
+    if (pin && len) {
+        const bool inEnv = inEnvironment(std::string(reinterpret_cast<const char*>(pin), len));
+#ifdef __linux__
+        const bool dumpable = prctl(PR_GET_DUMPABLE, 0, 0, 0, 0) != 0;
+#else
+        const bool dumpable = false;
+#endif
         std::lock_guard<std::mutex> lock(gMutex);
-        ++gCounts["C_Login:pin-in-environment"];
+        if (inEnv) ++gCounts["C_Login:pin-in-environment"];
+        if (dumpable) ++gCounts["C_Login:dumpable"];
     }
     if (CK_RV rv = fault("C_Login")) return rv;
     std::string keypad;

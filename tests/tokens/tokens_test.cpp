@@ -273,8 +273,8 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
     const std::string cli = " --store 'Cli Store'";
     // Each command each way: status, texts on stdout (or stderr when it fails; "2>" marks a text
     // that is on stderr when it succeeds, "!" one that must not appear), and how many C_Login
-    // calls the fault module saw (-1: not counted). A PIN taken from a variable is no longer in
-    // the environment when it reaches the module.
+    // calls the fault module saw (-1: not counted). A PIN that reaches the module is in no dump
+    // of the process, and one taken from a variable no longer in the environment.
     const struct {
         std::string args;
         int status;
@@ -444,9 +444,10 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
         if (run.logins >= 0) {
             EXPECT_EQ(loginsIn(counts), run.logins) << run.args;
         }
+        const std::string seen = nebratest::readFile(counts);
+        EXPECT_EQ(count(seen, "C_Login:dumpable"), 0u) << run.args;
         if (run.args.find("--pin-env") != std::string::npos) {
-            EXPECT_EQ(count(nebratest::readFile(counts), "C_Login:pin-in-environment"), 0u)
-                << run.args;
+            EXPECT_EQ(count(seen, "C_Login:pin-in-environment"), 0u) << run.args;
         }
         for (const std::string& t : run.texts) {
             const std::string& text = t.rfind("2>", 0) == 0 || run.status ? r.err : r.out;
@@ -456,6 +457,20 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
                 EXPECT_TRUE(contains(text, t.substr(t.rfind("2>", 0) == 0 ? 2 : 0))) << run.args;
         }
     }
+
+    // A PIN typed at the prompt is read up to its line end and no further, by no buffer that
+    // would keep it: what follows in the pipe is left to whoever reads it next.
+    const std::string typed = data.file("typed"), both = data.file("both");
+    nebratest::writeFile(typed, "1234\nnext line\n");
+    std::remove(counts.c_str());
+    nebratest::sh("cat '" + typed + "' | { NEBRA_FAULT_COUNTS='" + counts + "' " +
+                  NEBRA_BINARY_DIR + "/bin/nebra token " + padA +
+                  "; echo \"status $?\"; cat; } >'" + both + "' 2>&1");
+    EXPECT_TRUE(contains(nebratest::readFile(both), "cardA user1"));
+    EXPECT_TRUE(contains(nebratest::readFile(both), "status 0\nnext line\n"))
+        << nebratest::readFile(both);
+    EXPECT_EQ(loginsIn(counts), 1);
+    EXPECT_EQ(count(nebratest::readFile(counts), "C_Login:dumpable"), 0u);
 
     // A token that cannot be read leaves no partial JSON on stdout.
     Outcome unread = nebra("NEBRA_FAULT=C_GetTokenInfo=0x30 tokens --json --module " + fault);

@@ -87,6 +87,8 @@ PinSource::PinSource(const Args& args, const TokenChoice& choice) {
     if (args.has("pin-env") + args.has("pin-file") + fromUri > 1)
         throw UsageError(
             "give one PIN source: --pin-env VAR, --pin-file FILE or the URI's pin-source");
+    // From here on the process may hold a PIN.
+    platform::console::makeUndumpable();
     if (args.has("pin-env")) {
         kind_ = Kind::Env;
         const std::string name = args.get("pin-env");
@@ -109,9 +111,7 @@ void PinSource::read(Secret& pin, bool mayPrompt) const {
     } else if (kind_ == Kind::File) {
         readPinFile(file_, pin);
     } else if (mayPrompt) {
-        std::string typed = platform::console::promptHidden("PIN: ");
-        pin.text() = typed;
-        std::fill(typed.begin(), typed.end(), '\0');
+        platform::console::promptHidden("PIN: ", pin.text());
     } else {
         throw UsageError(
             "a PIN is needed: give --pin-env VAR, --pin-file FILE or the URI's "
