@@ -203,7 +203,9 @@ TEST_F(TwoTokens, NothingAPresentTokenHoldsIsRemoved) {
                 asn1::Certificate(der[6]), {L"SoftHSM project", L"SoftHSM v2", L"7", L"twin"}),
             TokenStore::Record::Added);
     }
-    Outcome twin = nebra("NEBRA_FAULT=SERIAL=7,LABEL=twin sync " + fault +
+    const std::string twinUri =
+        "'pkcs11:token=twin?module-path=" + nebratest::SoftHsm::faultModule() + "'";
+    Outcome twin = nebra("NEBRA_FAULT=SERIAL=7,LABEL=twin sync --module " + twinUri +
                          " --store TWINS --csp Prov --pin-env PIN --prune");
     EXPECT_TRUE(contains(twin.out,
                          "3 added, 0 unchanged, 0 removed\n  nothing removed: 2 tokens "
@@ -288,7 +290,19 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
         {"tokens --json --module " + softhsm,
          0,
          {"\"label\":\"cardA\",\"manufacturer\":\"SoftHSM project\"", "\"loginRequired\":true"}},
-        {"token --pin-env PIN --module " + uri("cardB"), 0, {"cardB user2"}},
+        {"token --pin-env PIN --module " + uri("cardB"),
+         0,
+         {"cardB user2", "2>Logging in to \"cardB\" (pkcs11:model=SoftHSM%20v2;manufacturer="}},
+        // Among several tokens, a PIN goes only to the one a URI names.
+        {"sync --csp P --pin-env PIN --module " + fault,
+         2,
+         {"2 tokens are present and --module names none of them",
+          ";token=cardA?module-path=" + fault + "'\n", ";token=cardB?module-path=" + fault + "'"},
+         0},
+        {"token --pin-env PIN --module 'pkcs11:?module-path=" + fault + "'",
+         2,
+         {"2 tokens are present"},
+         0},
         {"token --pin-env PIN --module 'pkcs11:token=cardB?module-name=libsofthsm2.so'",
          0,
          {"Token \"cardB\""}},
@@ -487,6 +501,11 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
     EXPECT_EQ(shownText.out.find('\x1b'), std::string::npos);
     Outcome json = nebra(evil + "tokens --json --module " + fault);
     EXPECT_TRUE(contains(json.out, "\"label\":\"x\\u001b[2J\\nl"));
+    Outcome login =
+        nebra(evil +
+              "token --pin-env PIN --module 'pkcs11:model=SoftHSM%20v2?module-path=" + fault + "'");
+    EXPECT_TRUE(contains(login.err, "Logging in to \"x\\e[2J\\nl")) << login.err;
+    EXPECT_EQ(login.err.find('\x1b'), std::string::npos);
     std::wstring units;
     EXPECT_TRUE(buffer::utf16FromUtf8(reinterpret_cast<const unsigned char*>(json.out.data()),
                                       json.out.size(), units))

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -36,7 +37,55 @@ TokenChoice chooseToken(const Args& args) {
     }
 }
 
+namespace {
+
+// A module path as a URI's module-path value: unreserved characters and '/' as they are.
+std::string uriPath(const std::string& path) {
+    static const char hex[] = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : path) {
+        if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~' || c == '/') {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        }
+    }
+    return out;
+}
+
+// Without a URI that names the token, the module must show a single (initialised) token: the PIN
+// is not sent to whichever token happens to sit in the first slot.
+void requireOneToken(const TokenChoice& choice) {
+    pkcs11::Libraries& registry = pkcs11::Libraries::instance();
+    pkcs11::CkLibrary lib = registry.load(choice.module);
+    struct Unload {
+        pkcs11::Libraries& r;
+        const pkcs11::CkLibrary& lib;
+        ~Unload() { r.unload(lib); }
+    } unload{registry, lib};
+    pkcs11::CkSlots slots(lib, true);
+    std::string present;
+    std::size_t count = 0;
+    for (const pkcs11::CkSlot& slot : slots.entries()) {
+        pkcs11::CkTokenInfo info = pkcs11::CkToken(slot).info();
+        if (!(info.flags & CKF_TOKEN_INITIALIZED)) continue;  // blank: nothing to log in to
+        ++count;
+        present += "\n  '" + TokenIdentity::of(info).uri() +
+                   "?module-path=" + uriPath(choice.module) + "'";
+    }
+    if (count > 1)
+        throw UsageError(std::to_string(count) +
+                         " tokens are present and --module names none of them: a PIN goes only "
+                         "to the token a URI names; give --module one of these:" +
+                         present);
+}
+
+}  // namespace
+
 std::unique_ptr<TokenSession> openToken(const TokenChoice& choice) {
+    if (!choice.byUri || choice.uri.path().empty()) requireOneToken(choice);
     try {
         return std::make_unique<TokenSession>(choice);
     } catch (const pkcs11::certstoreupdater::CertStoreUpdaterError_TokenNotPresent&) {
@@ -162,6 +211,8 @@ void loginToken(TokenSession& helper, const Args& args, const PinSource& pins, s
     pkcs11::CkTokenInfo info = helper.tokenInfo();
     const std::string label = shown(utf8(info.label));
     helper.checkLogin(info, true);
+    // Named before a PIN is asked for or sent, so that nobody gives it to another token.
+    notice << "Logging in to \"" << label << "\" (" << TokenIdentity::of(info).uri() << ")\n";
     const bool finalTry = (info.flags & CKF_USER_PIN_FINAL_TRY) != 0;
     if (info.flags & CKF_USER_PIN_COUNT_LOW)
         notice << "warning: token \"" << label

@@ -21,7 +21,9 @@ using pkcs11::certstoreupdater::TokenSession;
 // What --module names (TokenChoice::parse); its refusals are usage errors.
 TokenChoice chooseToken(const Args& args);
 
-// Loads the module and chooses the token (the first one, or the first that matches the URI).
+// Loads the module and chooses the token: the first that matches the URI, or the only one. With
+// several (initialised) tokens present and no URI that names one, it refuses (UsageError), with
+// the URI of each.
 std::unique_ptr<TokenSession> openToken(const TokenChoice& choice);
 
 // A PIN in memory: its bytes are overwritten when it goes. Room is reserved up front, so that
@@ -65,14 +67,15 @@ private:
     Secret env_;
 };
 
-// Logs in: on a token with a PIN pad (CKF_PROTECTED_AUTHENTICATION_PATH, unless --no-pin-pad)
-// without a PIN, telling `notice` to use the keypad; otherwise with the PIN `pins` gives.
-// No PIN is sent to a token that reports CKF_USER_PIN_LOCKED or CKF_USER_PIN_FINAL_TRY, or that
-// refused one before in this process (PinWithheld); CKF_USER_PIN_COUNT_LOW is warned about. An
-// empty PIN, and a PIN file that is not a regular file or that group or others may read, are
-// refused (UsageError) before anything reaches the module. The PIN's bytes are overwritten after
-// use. With `stop`, a PIN-pad login that is still waiting when *stop turns non-zero is abandoned:
-// the process says so and exits at once (status 0), since the module may never return.
+// Logs in, after naming the token on `notice`: on a token with a PIN pad
+// (CKF_PROTECTED_AUTHENTICATION_PATH, unless --no-pin-pad) without a PIN, telling `notice` to use
+// the keypad; otherwise with the PIN `pins` gives. No PIN is sent to a token that reports
+// CKF_USER_PIN_LOCKED or CKF_USER_PIN_FINAL_TRY, or that refused one before in this process
+// (PinWithheld); CKF_USER_PIN_COUNT_LOW is warned about. An empty PIN, and a PIN file that is not a
+// regular file or that group or others may read, are refused (UsageError) before anything reaches
+// the module. The PIN's bytes are overwritten after use. With `stop`, a PIN-pad login that is still
+// waiting when *stop turns non-zero is abandoned: the process says so and exits at once (status 0),
+// since the module may never return.
 void loginToken(TokenSession& token, const Args& args, const PinSource& pins, std::ostream& notice,
                 bool mayPrompt = true, const volatile std::sig_atomic_t* stop = nullptr);
 
