@@ -127,7 +127,7 @@ std::string readSecretFile(const std::string& path, std::string& line) {
     if (!S_ISREG(st.st_mode)) return "it is not a regular file";
     if (st.st_uid != geteuid())
         return "it belongs to another user (uid " + std::to_string(st.st_uid) +
-               "), not to the user running this (uid " + std::to_string(geteuid()) + ")";
+               "), not to this process's user (uid " + std::to_string(geteuid()) + ")";
     if (st.st_mode & 077) {
         char mode[8];
         std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));

@@ -1,6 +1,5 @@
 #include "tools/nebra/token_common.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <chrono>
