@@ -59,12 +59,14 @@ NEBRALIB_EXPORT bool decodeTokenIdentities(const unsigned char* bytes, std::size
 class NEBRALIB_EXPORT Pkcs11Uri {
 public:
     Pkcs11Uri() = default;
-    // Raises CertStoreUpdaterError_InvalidPkcs11Uri with "URI" and "REASON" on malformed text.
+    // Raises CertStoreUpdaterError_InvalidPkcs11Uri with "URI" (redacted as by redactPinValue) and
+    // "REASON" on malformed text.
     static Pkcs11Uri parse(const std::string& text);
     // Whether `text` starts with the scheme "pkcs11:" (any case).
     static bool looksLikeUri(const std::string& text);
 
-    // The text the URI was parsed from.
+    // The text the URI was parsed from, with a pin-value redacted (redactPinValue); query()
+    // still has the value.
     const std::string& text() const { return text_; }
     // Path attributes by name, decoded ("token", "serial", "manufacturer", "model").
     const std::map<std::string, std::wstring>& path() const { return path_; }
@@ -81,6 +83,13 @@ private:
     std::map<std::string, std::wstring> path_;
     std::map<std::string, std::string> query_;
 };
+
+// `text` with the value of each pin-value attribute replaced by "<redacted>", for messages and
+// events. It works on the text alone, so that a URI too malformed to parse does not carry its PIN
+// into a message either: the attribute name is matched percent-decoded and in any case, in the
+// path or the query; a value runs to the next '&' (in the query) or ';' (in the path). `found`,
+// when given, tells whether there was such an attribute.
+NEBRALIB_EXPORT std::string redactPinValue(const std::string& text, bool* found = nullptr);
 
 }  // namespace certstoreupdater
 }  // namespace pkcs11

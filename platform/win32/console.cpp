@@ -7,28 +7,57 @@
 #include <io.h>
 
 #include <cstdio>
-#include <iostream>
+#include <cstdlib>
+#include <cstring>
 
 namespace platform {
 namespace console {
 
-std::string promptHidden(const char* prompt) {
-    std::string line;
+namespace {
+
+// Overwrites the bytes of `s` and empties it.
+void wipe(std::string& s) {
+    if (!s.empty()) SecureZeroMemory(&s[0], s.size());
+    s.clear();
+}
+
+// Appends to a string that holds a secret: when it must grow, the old bytes are overwritten rather
+// than left behind in freed memory.
+void appendSecret(std::string& s, const char* p, std::size_t n) {
+    if (s.size() + n > s.capacity()) {
+        std::string bigger;
+        bigger.reserve(2 * (s.size() + n));
+        bigger = s;
+        wipe(s);
+        s.swap(bigger);
+    }
+    s.append(p, n);
+}
+
+}  // namespace
+
+void promptHidden(const char* prompt, std::string& line) {
+    wipe(line);
     HANDLE in = GetStdHandle(STD_INPUT_HANDLE);
     DWORD mode = 0;
-    if (!GetConsoleMode(in, &mode)) {
-        std::getline(std::cin, line);
-        return line;
+    const bool console = GetConsoleMode(in, &mode) != 0;
+    if (console) {
+        std::fputs(prompt, stderr);
+        std::fflush(stderr);
+        SetConsoleMode(in, mode & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
     }
-    std::fputs(prompt, stderr);
-    std::fflush(stderr);
-    SetConsoleMode(in, mode & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
-    std::getline(std::cin, line);
-    SetConsoleMode(in, mode);
-    std::fputs("\n", stderr);
+    char c = 0;
+    DWORD got = 0;
+    while (ReadFile(in, &c, 1, &got, nullptr) && got == 1 && c != '\n') appendSecret(line, &c, 1);
+    SecureZeroMemory(&c, sizeof c);
+    if (console) {
+        SetConsoleMode(in, mode);
+        std::fputs("\n", stderr);
+    }
     if (!line.empty() && line.back() == '\r') line.pop_back();
-    return line;
 }
+
+void makeUndumpable() {}
 
 std::vector<std::string> utf8Arguments(int argc, char** argv) {
     int n = 0;
@@ -90,15 +119,42 @@ void onStopRequest(void (*stop)()) {
     SetConsoleCtrlHandler(onConsoleEvent, TRUE);
 }
 
-std::string secretFileProblem(const std::string& path) {
+void removeEnvironmentVariable(const std::string& name) {
+    _putenv_s(name.c_str(), "");                     // the C runtime's copy
+    SetEnvironmentVariableA(name.c_str(), nullptr);  // the one CreateProcess hands on
+}
+
+std::string readSecretFile(const std::string& path, std::string& line) {
+    wipe(line);
     int size = static_cast<int>(path.size());
     int n = MultiByteToWideChar(CP_UTF8, 0, path.data(), size, nullptr, 0);
     std::wstring wide(static_cast<std::size_t>(n > 0 ? n : 0), L'\0');
     if (n > 0) MultiByteToWideChar(CP_UTF8, 0, path.data(), size, &wide[0], n);
-    DWORD attributes = GetFileAttributesW(wide.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES) return "it cannot be read";
-    if (attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE))
+    // Folders open too (backup semantics), to be refused as such.
+    HANDLE file = CreateFileW(wide.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                              FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return "it cannot be opened";
+    struct Close {
+        HANDLE h;
+        ~Close() { CloseHandle(h); }
+    } closeAtEnd{file};
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (GetFileType(file) != FILE_TYPE_DISK || !GetFileInformationByHandle(file, &info) ||
+        (info.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)))
         return "it is not a regular file";
+    char buf[64];
+    DWORD got = 0;
+    BOOL ok = TRUE;
+    while ((ok = ReadFile(file, buf, sizeof buf, &got, nullptr)) && got > 0) {
+        const void* end = std::memchr(buf, '\n', got);
+        appendSecret(line, buf,
+                     end ? static_cast<std::size_t>(static_cast<const char*>(end) - buf)
+                         : static_cast<std::size_t>(got));
+        if (end) break;
+    }
+    SecureZeroMemory(buf, sizeof buf);
+    if (!ok) return "it cannot be read";
+    if (!line.empty() && line.back() == '\r') line.pop_back();
     return "";  // access is the file's ACL's business on Windows
 }
 

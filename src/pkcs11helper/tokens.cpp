@@ -25,7 +25,7 @@ buffer::Buffer<wchar_t> byteText(const std::string& s) {
 
 [[noreturn]] void invalid(const std::string& uri, const std::string& reason) {
     throw CertStoreUpdaterError_InvalidPkcs11Uri(buffer::Buffer<wchar_t>(kSource), kLineInvalidUri)
-        .setParam(L"URI", byteText(uri))
+        .setParam(L"URI", byteText(redactPinValue(uri)))
         .setParam(L"REASON", byteText(reason));
 }
 
@@ -34,6 +34,22 @@ int hexValue(char c) {
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
     if (c >= 'A' && c <= 'F') return c - 'A' + 10;
     return -1;
+}
+
+// Whether an attribute name, percent-decoded where it can be and in any case, is "pin-value".
+bool namesPinValue(const std::string& name) {
+    std::string plain;
+    for (std::size_t i = 0; i < name.size(); ++i) {
+        int hi = name[i] == '%' && i + 2 < name.size() ? hexValue(name[i + 1]) : -1;
+        int lo = hi >= 0 ? hexValue(name[i + 2]) : -1;
+        char c = name[i];
+        if (lo >= 0) {
+            c = static_cast<char>(hi * 16 + lo);
+            i += 2;
+        }
+        plain += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    return plain == "pin-value";
 }
 
 // Percent-decodes `v`; characters in `forbidden`, controls, spaces and bytes outside ASCII must
@@ -150,6 +166,34 @@ bool decodeTokenIdentities(const unsigned char* bytes, std::size_t size,
     return pos == size;
 }
 
+std::string redactPinValue(const std::string& text, bool* found) {
+    if (found) *found = false;
+    // The scheme, when a ':' comes before anything that belongs to an attribute.
+    const std::size_t colon = text.find(':');
+    std::size_t pos = colon < text.find_first_of("=;?&") ? colon + 1 : 0;
+    std::string out = text.substr(0, pos);
+    bool inQuery = false;
+    while (pos < text.size()) {
+        std::size_t end = text.find_first_of(inQuery ? "&" : ";?", pos);
+        if (end == std::string::npos) end = text.size();
+        const std::size_t eq = text.find('=', pos);
+        if (eq < end && namesPinValue(text.substr(pos, eq - pos))) {
+            if (found) *found = true;
+            out.append(text, pos, eq + 1 - pos).append("<redacted>");
+            // A value in the path runs on past a '?' that may be its own.
+            end = text.find(inQuery ? '&' : ';', eq);
+            if (end == std::string::npos) end = text.size();
+        } else {
+            out.append(text, pos, end - pos);
+        }
+        if (end == text.size()) break;
+        out += text[end];
+        inQuery = inQuery || text[end] == '?';
+        pos = end + 1;
+    }
+    return out;
+}
+
 bool Pkcs11Uri::looksLikeUri(const std::string& text) {
     static const char scheme[] = "pkcs11:";
     if (text.size() < 7) return false;
@@ -161,7 +205,7 @@ bool Pkcs11Uri::looksLikeUri(const std::string& text) {
 Pkcs11Uri Pkcs11Uri::parse(const std::string& text) {
     if (!looksLikeUri(text)) invalid(text, "a PKCS#11 URI starts with 'pkcs11:'");
     Pkcs11Uri uri;
-    uri.text_ = text;
+    uri.text_ = redactPinValue(text);
     std::string rest = text.substr(7);
     if (rest.find('#') != std::string::npos) invalid(text, "a PKCS#11 URI has no fragment ('#')");
     std::size_t q = rest.find('?');

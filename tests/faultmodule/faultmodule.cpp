@@ -26,13 +26,20 @@
 //   NEBRA_FAULT_FILE    file whose text replaces the rules whenever it changes (counts are kept),
 //                       for faults that come and go while a program runs
 //   NEBRA_FAULT_COUNTS  file that "C_Name count" lines are appended to when the module is
-//                       finalised (once per load: a program that reloads the module adds up)
+//                       finalised (once per load: a program that reloads the module adds up);
+//                       "C_Login:pin-in-environment" counts the logins whose PIN was also the
+//                       value of an environment variable of the process (which every process
+//                       the module starts would inherit), "C_Login:dumpable" those with a PIN
+//                       while the process could be dumped (Linux)
 #ifdef _WIN32
 #include <windows.h>
 #define NEBRA_FAULT_EXPORT __declspec(dllexport)
 #else
 #include <dlfcn.h>
 #include <unistd.h>
+#ifdef __linux__
+#include <sys/prctl.h>
+#endif
 #define NEBRA_FAULT_EXPORT __attribute__((visibility("default")))
 #endif
 
@@ -229,7 +236,29 @@ CK_RV wCloseSession(CK_SESSION_HANDLE s) {
     CK_RV real = gTarget->C_CloseSession(s);  // close for real so the module is not left dirty
     return rv ? rv : real;
 }
+// Whether some environment variable of the process has `value`.
+bool inEnvironment(const std::string& value) {
+#ifndef _WIN32
+    for (char** e = environ; e && *e; ++e) {
+        const char* eq = std::strchr(*e, '=');
+        if (eq && value == eq + 1) return true;
+    }
+#endif
+    return false;
+}
+
 CK_RV wLogin(CK_SESSION_HANDLE s, CK_USER_TYPE user, CK_UTF8CHAR_PTR pin, CK_ULONG len) {
+    if (pin && len) {
+        const bool inEnv = inEnvironment(std::string(reinterpret_cast<const char*>(pin), len));
+#ifdef __linux__
+        const bool dumpable = prctl(PR_GET_DUMPABLE, 0, 0, 0, 0) != 0;
+#else
+        const bool dumpable = false;
+#endif
+        std::lock_guard<std::mutex> lock(gMutex);
+        if (inEnv) ++gCounts["C_Login:pin-in-environment"];
+        if (dumpable) ++gCounts["C_Login:dumpable"];
+    }
     if (CK_RV rv = fault("C_Login")) return rv;
     std::string keypad;
     {

@@ -9,11 +9,13 @@ namespace {
 const TokenIdentity kCard{L"Acme", L"Card v2", L"0123", L"my card"};
 
 TEST(Pkcs11Uri, ParsesChoosesAndRefuses) {
-    // URI, then "" when it must parse, or a part of the refusal's REASON.
+    // URI, then "" when it must parse, or a part of the refusal's REASON; the refusal's URI when
+    // it is not the URI itself (a PIN is never in it).
     const struct {
         const char* uri;
         const char* refusal;
         bool matchesCard;
+        const char* uriParam = nullptr;
     } table[] = {
         {"pkcs11:", "", true},
         {"PKCS11:token=my%20card", "", true},  // the scheme in any case
@@ -37,7 +39,15 @@ TEST(Pkcs11Uri, ParsesChoosesAndRefuses) {
         {"pkcs11:token=%F0%9F%98", "not UTF-8", false},  // cut
         {"pkcs11:token=a/b", "percent-encoded", false},
         {"pkcs11:token=a#frag", "fragment", false},
-        {"pkcs11:?pin-value=1&pin-source=file:/p", "exclude each other", false},
+        {"pkcs11:?pin-value=1&pin-source=file:/p", "exclude each other", false,
+         "pkcs11:?pin-value=<redacted>&pin-source=file:/p"},
+        {"pkcs11:token=a b?pin-value=4321&module-path=/m", "percent-encoded", false,
+         "pkcs11:token=a b?pin-value=<redacted>&module-path=/m"},
+        {"pkcs11:token=x;PIN%2dValue=4321", "not an attribute name", false,
+         "pkcs11:token=x;PIN%2dValue=<redacted>"},
+        {"pkcs11:pin-value=43?21;token=x", "does not choose a token", false,
+         "pkcs11:pin-value=<redacted>;token=x"},
+        {"pin-value=4321", "starts with 'pkcs11:'", false, "pin-value=<redacted>"},
         {"pkcs11:?module-path=/a&module-path=/b", "appears twice", false},
         {"pkcs11:?slot=1", "not supported", false},
         {"token=my%20card", "starts with 'pkcs11:'", false},
@@ -54,11 +64,15 @@ TEST(Pkcs11Uri, ParsesChoosesAndRefuses) {
                   "src\\pkcs11helper:130");
         EXPECT_NE(nebratest::u8(*e.param(L"REASON")).find(row.refusal), std::string::npos)
             << row.uri << ": " << nebratest::u8(*e.param(L"REASON"));
-        EXPECT_EQ(nebratest::u8(*e.param(L"URI")), row.uri);
+        EXPECT_EQ(nebratest::u8(*e.param(L"URI")), row.uriParam ? row.uriParam : row.uri);
     }
     Pkcs11Uri q = Pkcs11Uri::parse("pkcs11:token=x?module-path=/usr/lib/m%2Cod.so&x-a=b");
     EXPECT_EQ(q.query("module-path"), "/usr/lib/m,od.so");
     EXPECT_FALSE(q.hasQuery("x-a"));
+    // A PIN in a URI that parses is there to be refused, never to be shown.
+    Pkcs11Uri withPin = Pkcs11Uri::parse("pkcs11:token=x?pin-value=43%2621&module-name=m");
+    EXPECT_EQ(withPin.text(), "pkcs11:token=x?pin-value=<redacted>&module-name=m");
+    EXPECT_EQ(withPin.query("pin-value"), "43&21");
     // A token's own URI chooses exactly that token.
     EXPECT_EQ(kCard.uri(), "pkcs11:model=Card%20v2;manufacturer=Acme;serial=0123;token=my%20card");
     EXPECT_TRUE(Pkcs11Uri::parse(kCard.uri()).matches(kCard));

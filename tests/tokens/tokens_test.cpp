@@ -203,7 +203,9 @@ TEST_F(TwoTokens, NothingAPresentTokenHoldsIsRemoved) {
                 asn1::Certificate(der[6]), {L"SoftHSM project", L"SoftHSM v2", L"7", L"twin"}),
             TokenStore::Record::Added);
     }
-    Outcome twin = nebra("NEBRA_FAULT=SERIAL=7,LABEL=twin sync " + fault +
+    const std::string twinUri =
+        "'pkcs11:token=twin?module-path=" + nebratest::SoftHsm::faultModule() + "'";
+    Outcome twin = nebra("NEBRA_FAULT=SERIAL=7,LABEL=twin sync --module " + twinUri +
                          " --store TWINS --csp Prov --pin-env PIN --prune");
     EXPECT_TRUE(contains(twin.out,
                          "3 added, 0 unchanged, 0 removed\n  nothing removed: 2 tokens "
@@ -239,13 +241,19 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
                       fault = nebratest::SoftHsm::faultModule();
     const std::string padA = "--module 'pkcs11:token=cardA?module-path=" + fault + "'";
     const std::string pinA = "'pkcs11:token=cardA?module-path=" + fault + "&pin-source=";
-    // PIN files: the owner's only, one readable by others, an empty one, a folder.
+    // PIN files: the owner's only, one readable by others, an empty one, a folder, another
+    // user's, a link to the owner's, the owner's with a wrong PIN.
     const std::string pin = data.file("pin"), loose = data.file("loose"),
-                      empty = data.file("empty");
+                      empty = data.file("empty"), foreign = data.file("foreign"),
+                      link = data.file("link"), wrong = data.file("wrong");
     nebratest::writeFile(pin, "1234\n");
     nebratest::writeFile(loose, "1234\n");
     nebratest::writeFile(empty, "");
-    ASSERT_EQ(nebratest::sh("chmod 600 '" + pin + "' '" + empty + "' && chmod 644 '" + loose + "'"),
+    nebratest::writeFile(foreign, "1234\n");
+    nebratest::writeFile(wrong, "0000\n");
+    ASSERT_EQ(nebratest::sh("chmod 600 '" + pin + "' '" + empty + "' '" + foreign + "' '" + wrong +
+                            "' && chmod 644 '" + loose + "' && chown 65534 '" + foreign +
+                            "' && ln -s '" + pin + "' '" + link + "'"),
               0);
     const std::string counts = data.file("counts");
     // A store with certificates of two providers, for list and remove; a broken database.
@@ -267,7 +275,8 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
     const std::string cli = " --store 'Cli Store'";
     // Each command each way: status, texts on stdout (or stderr when it fails; "2>" marks a text
     // that is on stderr when it succeeds, "!" one that must not appear), and how many C_Login
-    // calls the fault module saw (-1: not counted).
+    // calls the fault module saw (-1: not counted). A PIN that reaches the module is in no dump
+    // of the process, and one taken from a variable no longer in the environment.
     const struct {
         std::string args;
         int status;
@@ -281,7 +290,19 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
         {"tokens --json --module " + softhsm,
          0,
          {"\"label\":\"cardA\",\"manufacturer\":\"SoftHSM project\"", "\"loginRequired\":true"}},
-        {"token --pin-env PIN --module " + uri("cardB"), 0, {"cardB user2"}},
+        {"token --pin-env PIN --module " + uri("cardB"),
+         0,
+         {"cardB user2", "2>Logging in to \"cardB\" (pkcs11:model=SoftHSM%20v2;manufacturer="}},
+        // Among several tokens, a PIN goes only to the one a URI names.
+        {"sync --csp P --pin-env PIN --module " + fault,
+         2,
+         {"2 tokens are present and --module names none of them",
+          ";token=cardA?module-path=" + fault + "'\n", ";token=cardB?module-path=" + fault + "'"},
+         0},
+        {"token --pin-env PIN --module 'pkcs11:?module-path=" + fault + "'",
+         2,
+         {"2 tokens are present"},
+         0},
         {"token --pin-env PIN --module 'pkcs11:token=cardB?module-name=libsofthsm2.so'",
          0,
          {"Token \"cardB\""}},
@@ -293,6 +314,23 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
              "'",
          2,
          {"a PIN is never taken from the command line"}},
+        // However malformed the URI, its PIN is refused before it could be echoed, and a URI is
+        // only ever shown with its PIN redacted.
+        {"token --module 'pkcs11:token=a b?pin-value=4321&module-path=" + fault + "'",
+         2,
+         {"a PIN is never taken from the command line", "!4321"},
+         0},
+        {"token --verbose --module 'pkcs11:PIN-VALUE=4321;token=cardA?module-path=" + fault + "'",
+         2,
+         {"a PIN is never taken", "!4321"},
+         0},
+        {"token --json --module 'pkcs11:token=cardA?pin%2Dvalue=4321&module-path=" + fault + "'",
+         2,
+         {"a PIN is never taken", "!4321"},
+         0},
+        {"remove --csp Prov --token 'pkcs11:token=nobody?pin-value=4321'" + cli,
+         0,
+         {"the tokens matching pkcs11:token=nobody?pin-value=<redacted> from", "!4321"}},
         // PINs: from a file of the owner's only (a file: URI with an empty or local host, or a
         // path); nothing reaches the module from an empty PIN, a folder, a file others may
         // read, another scheme or host, a locked token or one with a single try left.
@@ -309,6 +347,21 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
          {"the PIN file " + loose + " is refused: group or others may access it (mode 0644)"},
          0},
         {"token --pin-file " + data.path() + " " + padA, 2, {"it is not a regular file"}, 0},
+        {"token --pin-file " + foreign + " " + padA,
+         2,
+         {"the PIN file " + foreign + " is refused: it belongs to another user (uid 65534)"},
+         0},
+        {"token --pin-file " + link + " " + padA, 2, {"it is a symbolic link"}, 0},
+        // One PIN source, given once: which of two would count is never guessed.
+        {"token --pin-env PIN --pin-file " + pin + " " + padA, 2, {"give one PIN source"}, 0},
+        {"token --pin-env PIN --module " + pinA + "file:" + pin + "'",
+         2,
+         {"give one PIN source"},
+         0},
+        {"token --pin-file " + pin + " --pin-file=" + wrong + " " + padA,
+         2,
+         {"option --pin-file is given twice"},
+         0},
         {"token --pin-file " + empty + " " + padA, 2, {"the PIN is empty"}, 0},
         {"NOPIN= token --pin-env NOPIN " + padA, 2, {"the PIN is empty"}, 0},
         {"NEBRA_FAULT=TOKENFLAGS=0x40000 token --pin-env PIN " + padA,
@@ -405,6 +458,11 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
         if (run.logins >= 0) {
             EXPECT_EQ(loginsIn(counts), run.logins) << run.args;
         }
+        const std::string seen = nebratest::readFile(counts);
+        EXPECT_EQ(count(seen, "C_Login:dumpable"), 0u) << run.args;
+        if (run.args.find("--pin-env") != std::string::npos) {
+            EXPECT_EQ(count(seen, "C_Login:pin-in-environment"), 0u) << run.args;
+        }
         for (const std::string& t : run.texts) {
             const std::string& text = t.rfind("2>", 0) == 0 || run.status ? r.err : r.out;
             if (t[0] == '!')
@@ -413,6 +471,20 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
                 EXPECT_TRUE(contains(text, t.substr(t.rfind("2>", 0) == 0 ? 2 : 0))) << run.args;
         }
     }
+
+    // A PIN typed at the prompt is read up to its line end and no further, by no buffer that
+    // would keep it: what follows in the pipe is left to whoever reads it next.
+    const std::string typed = data.file("typed"), both = data.file("both");
+    nebratest::writeFile(typed, "1234\nnext line\n");
+    std::remove(counts.c_str());
+    nebratest::sh("cat '" + typed + "' | { NEBRA_FAULT_COUNTS='" + counts + "' " +
+                  NEBRA_BINARY_DIR + "/bin/nebra token " + padA +
+                  "; echo \"status $?\"; cat; } >'" + both + "' 2>&1");
+    EXPECT_TRUE(contains(nebratest::readFile(both), "cardA user1"));
+    EXPECT_TRUE(contains(nebratest::readFile(both), "status 0\nnext line\n"))
+        << nebratest::readFile(both);
+    EXPECT_EQ(loginsIn(counts), 1);
+    EXPECT_EQ(count(nebratest::readFile(counts), "C_Login:dumpable"), 0u);
 
     // A token that cannot be read leaves no partial JSON on stdout.
     Outcome unread = nebra("NEBRA_FAULT=C_GetTokenInfo=0x30 tokens --json --module " + fault);
@@ -429,6 +501,11 @@ TEST_F(TwoTokens, ChoosingAndListingTokens) {
     EXPECT_EQ(shownText.out.find('\x1b'), std::string::npos);
     Outcome json = nebra(evil + "tokens --json --module " + fault);
     EXPECT_TRUE(contains(json.out, "\"label\":\"x\\u001b[2J\\nl"));
+    Outcome login =
+        nebra(evil +
+              "token --pin-env PIN --module 'pkcs11:model=SoftHSM%20v2?module-path=" + fault + "'");
+    EXPECT_TRUE(contains(login.err, "Logging in to \"x\\e[2J\\nl")) << login.err;
+    EXPECT_EQ(login.err.find('\x1b'), std::string::npos);
     std::wstring units;
     EXPECT_TRUE(buffer::utf16FromUtf8(reinterpret_cast<const unsigned char*>(json.out.data()),
                                       json.out.size(), units))

@@ -29,11 +29,16 @@ Args::Args(const std::vector<std::string>& argv, const std::vector<std::string>&
         } else if (a.size() > 2 && a.compare(0, 2, "--") == 0) {
             std::string name = a.substr(2);
             auto eq = name.find('=');
+            // An option given twice is refused: which of the two would count is a guess.
+            auto take = [&](const std::string& option, const std::string& value) {
+                if (!options_.emplace(option, value).second)
+                    throw UsageError("option --" + option + " is given twice");
+            };
             if (eq != std::string::npos) {
-                options_[name.substr(0, eq)] = name.substr(eq + 1);
+                take(name.substr(0, eq), name.substr(eq + 1));
             } else if (isValued(name)) {
                 if (i + 1 >= argv.size()) throw UsageError("option --" + name + " needs a value");
-                options_[name] = argv[++i];
+                take(name, argv[++i]);
             } else {
                 flags_.push_back(name);
             }

@@ -45,7 +45,7 @@ int run(const nebra::Args& args) {
         auto uri = pkcs11::certstoreupdater::Pkcs11Uri::parse(args.get("token"));
         if (uri.path().empty())
             throw nebra::UsageError(
-                "the URI " + args.get("token") +
+                "the URI " + uri.text() +
                 " names no token: give at least one of token, serial, manufacturer, model");
         auto helper = nebra::openStore(args);  // a store that cannot be opened is explained here
         std::vector<TokenIdentity> matching;
@@ -58,8 +58,7 @@ int run(const nebra::Args& args) {
         if (matching.size() > 1 && !args.flag("all-matching")) {
             std::string list;
             for (const TokenIdentity& t : matching) list += "\n  " + t.uri();
-            throw nebra::UsageError(args.get("token") + " matches " +
-                                    std::to_string(matching.size()) +
+            throw nebra::UsageError(uri.text() + " matches " + std::to_string(matching.size()) +
                                     " recorded tokens; name one, or give --all-matching:" + list);
         }
         nebra::StoreResult r;
@@ -70,7 +69,7 @@ int run(const nebra::Args& args) {
         if (!r.skipped.empty())
             std::cerr << "nebra: some certificates were kept: " << r.skipped << "\n";
         std::cout << "Removed " << r.removed.size() << " certificates of the tokens matching "
-                  << args.get("token") << " from store '" << nebra::utf8(store) << "'";
+                  << uri.text() << " from store '" << nebra::utf8(store) << "'";
         if (!r.unlinked.empty())
             std::cout << "; kept " << r.unlinked.size() << " that another token has too";
         std::cout << ".\n";

@@ -19,12 +19,13 @@ const char* kUsage =
     "                  [--cas STORE] [--others STORE] [--prune] [--adopt] [--dry-run] [--json]\n"
     "                  [--pin-env VAR | --pin-file FILE] [--no-pin-pad] [--verbose]\n"
     "\n"
-    "Logs in to the token and writes the certificates that have a private key on it into the\n"
-    "store (default MY), each bound to the key provider NAME with the container named after its\n"
-    "CKA_ID (CKAIDHEX:...) and its token label as friendly name. Certificates already bound the\n"
-    "same way are left alone, so running it again changes nothing. Each certificate records the\n"
-    "token it came from (manufacturer, model, serial, label), so that pruning touches only this\n"
-    "token's certificates, never those of another token.\n"
+    "Logs in to the token (the module's only one, or the one a PKCS#11 URI chooses) and writes\n"
+    "the certificates that have a private key on it into the store (default MY), each bound to\n"
+    "the key provider NAME with the container named after its CKA_ID (CKAIDHEX:...) and its\n"
+    "token label as friendly name. Certificates already bound the same way are left alone, so\n"
+    "running it again changes nothing. Each certificate records the token it came from\n"
+    "(manufacturer, model, serial, label), so that pruning touches only this token's\n"
+    "certificates, never those of another token.\n"
     "\n"
     "  --module PATH_OR_NAME_OR_URI  PKCS#11 module file, a module name registered with p11-kit,\n"
     "                         or a PKCS#11 URI choosing the token, e.g.\n"
@@ -46,7 +47,8 @@ const char* kUsage =
     "  --json                 print the result as JSON\n"
     "  --timings              report on stderr how long reading the token and the stores took\n"
     "  --pin-env VAR          read the user PIN from environment variable VAR\n"
-    "  --pin-file FILE        read the user PIN from the first line of FILE\n"
+    "  --pin-file FILE        read the user PIN from the first line of FILE (one PIN source\n"
+    "                         only: --pin-env, --pin-file or the URI's pin-source)\n"
     "  --no-pin-pad           ask for the PIN even if the token claims a PIN pad\n"
     "  --verbose              log each token, certificate and binding touched on stderr\n";
 
@@ -54,6 +56,7 @@ int run(const Args& args) {
     args.allow({"module", "csp", "store", "roots", "cas", "others", "prune", "dry-run", "json",
                 "pin-env", "pin-file", "timings", "no-pin-pad", "verbose", "adopt"});
     TokenChoice choice = chooseToken(args);
+    const PinSource pins(args, choice);
     if (!args.has("csp") || args.get("csp").empty()) throw UsageError("--csp is required");
     SyncOptions options = syncOptions(wideFromUtf8(args.get("csp")), args.flag("verbose"));
     options.prune = args.flag("prune");
@@ -64,7 +67,7 @@ int run(const Args& args) {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
     auto session = openToken(choice);
-    loginToken(*session, args, choice, std::cerr);
+    loginToken(*session, args, pins, std::cerr);
     // The identity logged in to, checked at the login itself.
     const TokenIdentity token = session->chosen();
     if (options.log) options.log("token " + token.uri());

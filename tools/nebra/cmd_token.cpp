@@ -9,7 +9,8 @@ namespace {
 const char* kUsage =
     "usage: nebra token --module PATH_OR_NAME_OR_URI [--pin-env VAR | --pin-file FILE] [--json]\n"
     "\n"
-    "Logs in to the token (the module's first, or the one a PKCS#11 URI chooses) and prints its\n"
+    "Logs in to the token (the module's only one, or the one a PKCS#11 URI chooses) and prints "
+    "its\n"
     "certificates, sorted into root, CA, with-private-key and other certificates, with key,\n"
     "label, subject and issuer.\n"
     "\n"
@@ -19,7 +20,8 @@ const char* kUsage =
     "  --no-pin-pad           ask for the PIN even if the token claims a PIN pad\n"
     "  --pin-env VAR          read the user PIN from environment variable VAR\n"
     "  --pin-file FILE        read the user PIN from the first line of FILE\n"
-    "                         (without either, the PIN is asked for without echo)\n"
+    "                         (one PIN source only; without any, the PIN is asked for without\n"
+    "                         echo)\n"
     "  --json                 print JSON instead of text\n";
 
 void printGroup(const char* title, const pkcs11::certstoreupdater::CertMap& m) {
@@ -47,9 +49,10 @@ std::string groupJson(const pkcs11::certstoreupdater::CertMap& m) {
 int run(const Args& args) {
     args.allow({"module", "pin-env", "pin-file", "json", "no-pin-pad"});
     TokenChoice choice = chooseToken(args);
+    const PinSource pins(args, choice);
     auto helper = openToken(choice);
     pkcs11::CkTokenInfo info = helper->tokenInfo();
-    loginToken(*helper, args, choice, std::cerr);
+    loginToken(*helper, args, pins, std::cerr);
     auto all = helper->getAllCerts();
     if (args.flag("json")) {
         std::cout << "{\"token\":{\"label\":" << jsonString(utf8(info.label))

@@ -90,6 +90,7 @@ double seconds(const std::string& text) {
 
 struct Watcher {
     const Args& args;
+    const PinSource& pins;
     TokenChoice choice;
     SyncOptions options;
     std::vector<StoreTarget> targets;
@@ -140,7 +141,7 @@ struct Watcher {
             chosen.byUri = true;
             chosen.uri = Pkcs11Uri::parse(t.uri());
             TokenSession session(chosen);
-            loginToken(session, args, choice, std::cerr, false, &gStop);
+            loginToken(session, args, pins, std::cerr, false, &gStop);
             const TokenContents all = session.readCertificates();
             for (const auto& u : all.unreadable)
                 emit("error", t,
@@ -258,8 +259,11 @@ int run(const Args& args) {
     args.allow({"module", "csp", "store", "roots", "cas", "others", "prune", "json", "pin-env",
                 "pin-file", "no-pin-pad", "verbose", "interval", "on-removal", "slot-events",
                 "reload", "any-token"});
+    const TokenChoice choice = chooseToken(args);
+    const PinSource pins(args, choice);
     Watcher w{args,
-              chooseToken(args),
+              pins,
+              choice,
               {},
               storeTargets(args),
               args.flag("json"),
@@ -279,7 +283,7 @@ int run(const Args& args) {
     w.removeOnRemoval = onRemoval == "remove";
     const double interval = seconds(args.get("interval", "2"));
     // An unattended PIN goes to the tokens the user named, never to whatever card is inserted.
-    if (hasPinSource(args, w.choice) && !args.flag("any-token") &&
+    if (pins.unattended() && !args.flag("any-token") &&
         !(w.choice.byUri && !w.choice.uri.path().empty()))
         throw UsageError(
             "watch sends a PIN from --pin-env, --pin-file or pin-source only to the tokens a URI "

@@ -1,12 +1,11 @@
 #include "tools/nebra/token_common.h"
 
-#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <fstream>
 #include <iostream>
 #include <set>
 #include <stdexcept>
@@ -23,8 +22,10 @@ using pkcs11::certstoreupdater::TokenIdentity;
 TokenChoice chooseToken(const Args& args) {
     if (!args.has("module") || args.get("module").empty()) throw UsageError("--module is required");
     const std::string given = args.get("module");
-    if (pkcs11::certstoreupdater::Pkcs11Uri::looksLikeUri(given) &&
-        pkcs11::certstoreupdater::Pkcs11Uri::parse(given).hasQuery("pin-value"))
+    // Refused on the text, before anything could put the URI, and its PIN, into a message.
+    bool carriesPin = false;
+    pkcs11::certstoreupdater::redactPinValue(given, &carriesPin);
+    if (carriesPin)
         throw UsageError(
             "the URI carries a PIN (pin-value); a PIN is never taken from the command line: use "
             "pin-source=file:FILE, --pin-env VAR or --pin-file FILE");
@@ -35,7 +36,55 @@ TokenChoice chooseToken(const Args& args) {
     }
 }
 
+namespace {
+
+// A module path as a URI's module-path value: unreserved characters and '/' as they are.
+std::string uriPath(const std::string& path) {
+    static const char hex[] = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : path) {
+        if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~' || c == '/') {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        }
+    }
+    return out;
+}
+
+// Without a URI that names the token, the module must show a single (initialised) token: the PIN
+// is not sent to whichever token happens to sit in the first slot.
+void requireOneToken(const TokenChoice& choice) {
+    pkcs11::Libraries& registry = pkcs11::Libraries::instance();
+    pkcs11::CkLibrary lib = registry.load(choice.module);
+    struct Unload {
+        pkcs11::Libraries& r;
+        const pkcs11::CkLibrary& lib;
+        ~Unload() { r.unload(lib); }
+    } unload{registry, lib};
+    pkcs11::CkSlots slots(lib, true);
+    std::string present;
+    std::size_t count = 0;
+    for (const pkcs11::CkSlot& slot : slots.entries()) {
+        pkcs11::CkTokenInfo info = pkcs11::CkToken(slot).info();
+        if (!(info.flags & CKF_TOKEN_INITIALIZED)) continue;  // blank: nothing to log in to
+        ++count;
+        present += "\n  '" + TokenIdentity::of(info).uri() +
+                   "?module-path=" + uriPath(choice.module) + "'";
+    }
+    if (count > 1)
+        throw UsageError(std::to_string(count) +
+                         " tokens are present and --module names none of them: a PIN goes only "
+                         "to the token a URI names; give --module one of these:" +
+                         present);
+}
+
+}  // namespace
+
 std::unique_ptr<TokenSession> openToken(const TokenChoice& choice) {
+    if (!choice.byUri || choice.uri.path().empty()) requireOneToken(choice);
     try {
         return std::make_unique<TokenSession>(choice);
     } catch (const pkcs11::certstoreupdater::CertStoreUpdaterError_TokenNotPresent&) {
@@ -44,41 +93,13 @@ std::unique_ptr<TokenSession> openToken(const TokenChoice& choice) {
     }
 }
 
-bool hasPinSource(const Args& args, const TokenChoice& choice) {
-    return args.has("pin-env") || args.has("pin-file") ||
-           (choice.byUri && choice.uri.hasQuery("pin-source"));
-}
-
 namespace {
 
-// A PIN in memory: its bytes are overwritten when it goes. Room is reserved up front, so that
-// reading it does not leave copies behind in reallocated memory.
-class Secret {
-public:
-    Secret() { text_.reserve(256); }
-    ~Secret() { wipe(); }
-    Secret(const Secret&) = delete;
-    Secret& operator=(const Secret&) = delete;
-    std::string& text() { return text_; }
-    void wipe() {
-        volatile char* p = text_.empty() ? nullptr : &text_[0];
-        for (std::size_t i = 0; i < text_.size(); ++i) p[i] = 0;
-        text_.clear();
-    }
-
-private:
-    std::string text_;
-};
-
 void readPinFile(const std::string& path, Secret& pin) {
-    std::string problem = platform::console::secretFileProblem(path);
+    std::string problem = platform::console::readSecretFile(path, pin.text());
     if (!problem.empty())
         throw UsageError("the PIN file " + path + " is refused: " + problem +
                          "; no PIN was sent to the token");
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw UsageError("cannot read the PIN file " + path);
-    std::getline(in, pin.text());
-    if (!pin.text().empty() && pin.text().back() == '\r') pin.text().pop_back();
 }
 
 // The file a URI's pin-source names: "file:" with an absolute path, an empty authority
@@ -106,6 +127,47 @@ std::string pinSourcePath(const std::string& source) {
     if (rest.empty()) throw UsageError("the URI's pin-source '" + source + "' names no file");
     return rest;
 }
+
+}  // namespace
+
+PinSource::PinSource(const Args& args, const TokenChoice& choice) {
+    const bool fromUri = choice.byUri && choice.uri.hasQuery("pin-source");
+    if (args.has("pin-env") + args.has("pin-file") + fromUri > 1)
+        throw UsageError(
+            "give one PIN source: --pin-env VAR, --pin-file FILE or the URI's pin-source");
+    // From here on the process may hold a PIN.
+    platform::console::makeUndumpable();
+    if (args.has("pin-env")) {
+        kind_ = Kind::Env;
+        const std::string name = args.get("pin-env");
+        const char* value = std::getenv(name.c_str());
+        if (!value) throw UsageError("environment variable " + name + " is not set");
+        env_.text() = value;
+        platform::console::removeEnvironmentVariable(name);
+    } else if (args.has("pin-file")) {
+        kind_ = Kind::File;
+        file_ = args.get("pin-file");
+    } else if (fromUri) {
+        kind_ = Kind::File;
+        file_ = pinSourcePath(choice.uri.query("pin-source"));
+    }
+}
+
+void PinSource::read(Secret& pin, bool mayPrompt) const {
+    if (kind_ == Kind::Env) {
+        pin.text() = env_.text();
+    } else if (kind_ == Kind::File) {
+        readPinFile(file_, pin);
+    } else if (mayPrompt) {
+        platform::console::promptHidden("PIN: ", pin.text());
+    } else {
+        throw UsageError(
+            "a PIN is needed: give --pin-env VAR, --pin-file FILE or the URI's "
+            "pin-source=file:FILE");
+    }
+}
+
+namespace {
 
 // The PIN-pad login, where the caller may stop waiting for it.
 void keypadLogin(TokenSession& helper, const pkcs11::CkTokenInfo& info, std::ostream& notice,
@@ -143,11 +205,13 @@ void keypadLogin(TokenSession& helper, const pkcs11::CkTokenInfo& info, std::ost
 
 }  // namespace
 
-void loginToken(TokenSession& helper, const Args& args, const TokenChoice& choice,
-                std::ostream& notice, bool mayPrompt, const volatile std::sig_atomic_t* stop) {
+void loginToken(TokenSession& helper, const Args& args, const PinSource& pins, std::ostream& notice,
+                bool mayPrompt, const volatile std::sig_atomic_t* stop) {
     pkcs11::CkTokenInfo info = helper.tokenInfo();
     const std::string label = shown(utf8(info.label));
     helper.checkLogin(info, true);
+    // Named before a PIN is asked for or sent, so that nobody gives it to another token.
+    notice << "Logging in to \"" << label << "\" (" << TokenIdentity::of(info).uri() << ")\n";
     const bool finalTry = (info.flags & CKF_USER_PIN_FINAL_TRY) != 0;
     if (info.flags & CKF_USER_PIN_COUNT_LOW)
         notice << "warning: token \"" << label
@@ -164,23 +228,7 @@ void loginToken(TokenSession& helper, const Args& args, const TokenChoice& choic
     }
     helper.checkLogin(info, false);
     Secret pin;
-    if (args.has("pin-env")) {
-        const char* v = std::getenv(args.get("pin-env").c_str());
-        if (!v) throw UsageError("environment variable " + args.get("pin-env") + " is not set");
-        pin.text() = v;
-    } else if (args.has("pin-file")) {
-        readPinFile(args.get("pin-file"), pin);
-    } else if (choice.byUri && choice.uri.hasQuery("pin-source")) {
-        readPinFile(pinSourcePath(choice.uri.query("pin-source")), pin);
-    } else if (mayPrompt) {
-        std::string typed = platform::console::promptHidden("PIN: ");
-        pin.text() = typed;
-        std::fill(typed.begin(), typed.end(), '\0');
-    } else {
-        throw UsageError(
-            "a PIN is needed: give --pin-env VAR, --pin-file FILE or the URI's "
-            "pin-source=file:FILE");
-    }
+    pins.read(pin, mayPrompt);
     if (pin.text().empty())
         throw UsageError("the PIN is empty; an empty PIN is never sent to a token");
     try {
