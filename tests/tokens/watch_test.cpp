@@ -26,21 +26,24 @@ TEST_F(TwoTokens, WatchSyncsTokensMovedInAndReleasesOnlyTheRemovedOnesCertificat
     EXPECT_TRUE(waitFor([&] { return stored() == onlyA; })) << watched();
     EXPECT_EQ(stop(), 0);
     const std::string text = nebratest::readFile(data.file("watch.out"));
-    for (const char* line :
-         {"inserted pkcs11:", "synced pkcs11:", "removed pkcs11:", "released pkcs11:"})
+    for (const char* line : {"inserted pkcs11:", "synced pkcs11:", "outage pkcs11:",
+                             "removed pkcs11:", "released pkcs11:"})
         EXPECT_TRUE(contains(text, line));
     EXPECT_EQ(count(text, ";token=cardB  MY: 0 added, 0 unchanged, 2 removed\n"), 1u) << text;
-    EXPECT_EQ(count(text, "\n"), 6u) << text;  // A and B inserted and synced; B removed, released
+    // A and B inserted and synced; B gone (an outage until the grace period is over), removed,
+    // released.
+    EXPECT_EQ(count(text, "\n"), 7u) << text;
 }
 
 // What a card does to an unattended watch: a wrong PIN is sent once, whatever re-insertions
-// follow (three would lock a card); a device error is not a removal; a PIN-pad login that nobody
-// answers does not keep SIGTERM from ending it.
+// follow (three would lock a card); a device error is not a removal, nor is a token gone for less
+// than the grace period, which is not logged in again when it is back; a PIN-pad login that
+// nobody answers does not keep SIGTERM from ending it.
 TEST_F(TwoTokens, WatchNeverRetriesAPinOrTakesABlipForARemoval) {
     const std::string cardA = tokenDir(hsm, "cardA"), parked = data.file("cardA");
     const std::string fault = nebratest::SoftHsm::faultModule(), counts = data.file("counts");
     start("--module 'pkcs11:token=cardA?module-path=" + fault +
-              "' --csp Prov --pin-env BADPIN --interval 0.1 --json --verbose --reload",
+              "' --csp Prov --pin-env BADPIN --interval 0.1 --grace 0 --json --verbose --reload",
           "NEBRA_FAULT_COUNTS=" + counts);
     auto polls = [&] { return count(nebratest::readFile(data.file("watch.err")), "poll: "); };
     for (int insertion = 1; insertion <= 3; ++insertion) {
@@ -68,7 +71,7 @@ TEST_F(TwoTokens, WatchNeverRetriesAPinOrTakesABlipForARemoval) {
     std::remove(counts.c_str());
     start("--module " + fault +
               " --csp Prov --pin-env PIN --any-token --interval 0.1 "
-              "--on-removal remove --verbose --reload",
+              "--on-removal remove --grace 60 --verbose --reload",
           "NEBRA_FAULT_FILE=" + rules + " NEBRA_FAULT_COUNTS=" + counts);
     const Lines both{"CKAIDHEX:01 cardA+", "CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardA+",
                      "CKAIDHEX:02 cardB+"};
@@ -80,9 +83,41 @@ TEST_F(TwoTokens, WatchNeverRetriesAPinOrTakesABlipForARemoval) {
     nebratest::writeFile(rules, "");
     std::size_t seen = polls();
     EXPECT_TRUE(waitFor([&] { return polls() >= seen + 3; })) << watched();
+    // Tokens gone for less than the grace period, each said once: the slot list empty, no slot
+    // at all, one token's slot gone.
+    const std::string cardB = tokenDir(hsm, "cardB"), parkedB = data.file("cardB");
+    const struct {
+        std::string rules;
+        bool parkB;
+        const char* said;
+        std::size_t times;
+    } blips[] = {
+        {"C_GetSlotList=empty", false, "outage ", 2},
+        {"C_GetSlotList=none", false, "outage ", 2},
+        {"", true, "outage ", 1},
+    };
+    for (const auto& blip : blips) {
+        SCOPED_TRACE(blip.rules);
+        const std::size_t from = nebratest::readFile(data.file("watch.out")).size();
+        const long looked = callsIn(counts, "C_GetSlotList");
+        nebratest::writeFile(rules, blip.rules);
+        if (blip.parkB) {
+            ASSERT_EQ(rename(cardB.c_str(), parkedB.c_str()), 0);
+        }
+        EXPECT_TRUE(waitFor([&] { return callsIn(counts, "C_GetSlotList") >= looked + 40; }))
+            << watched();
+        nebratest::writeFile(rules, "");
+        if (blip.parkB) {
+            ASSERT_EQ(rename(parkedB.c_str(), cardB.c_str()), 0);
+        }
+        seen = polls();
+        EXPECT_TRUE(waitFor([&] { return polls() >= seen + 3; })) << watched();
+        const std::string said = nebratest::readFile(data.file("watch.out")).substr(from);
+        EXPECT_EQ(count(said, blip.said), blip.times) << said;
+    }
     EXPECT_EQ(stop(), 0);
     text = nebratest::readFile(data.file("watch.out"));
-    EXPECT_EQ(count(text, "removed "), 0u) << text;
+    EXPECT_EQ(count(text, "removed pkcs11:"), 0u) << text;
     EXPECT_EQ(count(text, "inserted "), 2u) << text;
     EXPECT_EQ(loginsIn(counts), 2);
     EXPECT_EQ(stored(), both);
@@ -129,9 +164,9 @@ TEST_F(TwoTokens, WatchKeepsTheModuleLoadedWhateverItsSlotEventsDo) {
         SCOPED_TRACE(module.events);
         nebratest::writeFile(rules, module.events);
         std::remove(counts.c_str());
-        start(
-            "--module " + fault + " --csp Prov --pin-env PIN --any-token --interval 0.05 --verbose",
-            "NEBRA_FAULT_FILE=" + rules + " NEBRA_FAULT_COUNTS=" + counts);
+        start("--module " + fault +
+                  " --csp Prov --pin-env PIN --any-token --interval 0.05 --grace 0.5 --verbose",
+              "NEBRA_FAULT_FILE=" + rules + " NEBRA_FAULT_COUNTS=" + counts);
         EXPECT_TRUE(waitFor([&] { return out("synced ") == 2; })) << watched();
         // Both tokens leave the slot list and come back: seen without a reload, from the slot
         // list or from a slot event (a module that never returns from its wait reports none).

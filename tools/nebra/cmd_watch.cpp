@@ -28,8 +28,9 @@ using pkcs11::certstoreupdater::TokenIdentity;
 const char* kUsage =
     "usage: nebra watch --module PATH_OR_NAME_OR_URI --csp NAME [--store MY] [--roots STORE]\n"
     "                   [--cas STORE] [--others STORE] [--prune] [--interval SECONDS]\n"
-    "                   [--on-removal keep|remove] [--json] [--verbose] [--reload]\n"
-    "                   [--pin-env VAR | --pin-file FILE] [--any-token] [--no-pin-pad]\n"
+    "                   [--on-removal keep|remove] [--grace SECONDS] [--json] [--verbose]\n"
+    "                   [--reload] [--pin-env VAR | --pin-file FILE] [--any-token]\n"
+    "                   [--no-pin-pad]\n"
     "\n"
     "Runs until SIGINT or SIGTERM, or on Windows until Ctrl-C or the console closes (then exits "
     "0,\n"
@@ -42,21 +43,26 @@ const char* kUsage =
     "interval. The token information is only read for slots that changed. A module that only\n"
     "sees new tokens when it is loaded (SoftHSM2) needs --reload.\n"
     "\n"
-    "One line per event on stdout: inserted, synced, removed, released, error (--json: one JSON\n"
-    "object per line). The PIN comes from --pin-env, --pin-file or the URI's pin-source, and\n"
-    "goes only to the tokens a URI naming the token (token, serial, manufacturer or model)\n"
-    "chooses, unless --any-token is given. A wrong PIN is reported and never sent to that token\n"
-    "again, whatever insertions follow; no PIN is sent to a token that reports its PIN locked or\n"
-    "one try left. A token with a PIN pad is logged in on its keypad. A token is taken as\n"
-    "removed only when the module says so (no token present, device removed, slot gone); any\n"
-    "other error is reported and the token looked at again at the next interval. When the slot\n"
-    "list cannot be read (the smart-card service stopped), the module is loaded again at the\n"
-    "next interval.\n"
+    "One line per event on stdout: inserted, synced, outage, removed, released, error (--json:\n"
+    "one JSON object per line). The PIN comes from --pin-env, --pin-file or the URI's\n"
+    "pin-source, and goes only to the tokens a URI naming the token (token, serial, manufacturer\n"
+    "or model) chooses, unless --any-token is given. A wrong PIN is reported and never sent to\n"
+    "that token again, whatever insertions follow; no PIN is sent to a token that reports its\n"
+    "PIN locked or one try left. A token with a PIN pad is logged in on its keypad. A token is\n"
+    "taken as removed only when the module says so (no token present, device removed, slot\n"
+    "gone) and it stays so for the grace period: a token gone for less (its slot, or the whole\n"
+    "slot list, vanished while the smart-card service restarted) is reported as an outage, and\n"
+    "when it comes back it is the same token, neither released nor logged in again. Any other\n"
+    "error is reported and the token looked at again at the next interval. When the slot list\n"
+    "cannot be read (the smart-card service stopped), the module is loaded again at the next\n"
+    "interval.\n"
     "\n"
     "  --interval SECONDS     how often to look, 0.05 to 86400 (default 2)\n"
     "  --any-token            send the PIN to every token that appears, not only to those a\n"
     "                         URI naming the token chooses\n"
     "  --on-removal keep|remove  what to do with a removed token's certificates (default keep)\n"
+    "  --grace SECONDS        how long a token may be gone before it is taken as removed, 0 to\n"
+    "                         86400 (default 3)\n"
     "  --reload               unload and load the module each interval, for modules that only\n"
     "                         see tokens come and go when initialised again (SoftHSM2)\n"
     "  --verbose              log each look, token, certificate and binding on stderr\n"
@@ -76,15 +82,22 @@ bool meansRemoved(const orvo::GenericEvent& e) {
     return rv == CKR_TOKEN_NOT_PRESENT || rv == CKR_DEVICE_REMOVED || rv == CKR_SLOT_ID_INVALID;
 }
 
-// A number of seconds: the whole text must be a finite decimal number.
-double seconds(const std::string& text) {
+// The number of seconds option `name` gives, from `least` to a day: the whole text must be a
+// finite decimal number.
+double seconds(const Args& args, const std::string& name, const std::string& fallback,
+               double least) {
+    const std::string text = args.get(name, fallback);
     char* end = nullptr;
     errno = 0;
     double v = text.empty() ? 0 : std::strtod(text.c_str(), &end);
     const bool ok = !text.empty() && end && *end == '\0' && errno == 0 && std::isfinite(v) &&
                     text.find_first_of("xXpPnNiI") == std::string::npos;
-    if (!ok || !(v >= 0.05 && v <= 86400))
-        throw UsageError("--interval '" + text + "' is not a number of seconds from 0.05 to 86400");
+    if (!ok || !(v >= least && v <= 86400)) {
+        std::ostringstream range;
+        range << least << " to 86400";
+        throw UsageError("--" + name + " '" + text + "' is not a number of seconds from " +
+                         range.str());
+    }
     return v;
 }
 
@@ -99,6 +112,12 @@ struct Watcher {
     std::set<std::string> ambiguous;               // identities two present tokens reported at once
     bool saidNoSlots = false;
     std::map<std::string, std::string> withheld;  // by URI: why the PIN was last kept back
+    // A token whose slot, or the whole slot list, vanished is kept as present for the grace
+    // period: a restarting smart-card service, or a token with a built-in reader that drops its
+    // slot for a moment, gives back the same token, which is then neither released nor synced.
+    double graceSeconds;
+    std::chrono::steady_clock::duration grace;
+    std::map<std::string, std::chrono::steady_clock::time_point> missing;  // by URI: gone since
 
     void emit(const char* event, const TokenIdentity& t, const std::string& detail) {
         if (json)
@@ -231,8 +250,29 @@ struct Watcher {
             now.emplace(uri, id);
         }
         bool cameOrWent = false;
+        const auto at = std::chrono::steady_clock::now();
+        for (auto m = missing.begin(); m != missing.end();) {
+            if (!now.count(m->first)) {
+                ++m;
+                continue;
+            }
+            if (verbose) std::cerr << "token " << m->first << " is back\n";
+            m = missing.erase(m);
+        }
         for (const auto& gone : present) {
             if (now.count(gone.first)) continue;
+            const auto since = missing.emplace(gone.first, at);
+            if (at - since.first->second < grace) {
+                if (since.second) {
+                    std::ostringstream detail;
+                    detail << "gone from the slot list; waiting " << graceSeconds
+                           << " s for it to come back";
+                    emit("outage", gone.second, detail.str());
+                }
+                now.insert(gone);
+                continue;
+            }
+            missing.erase(since.first);
             cameOrWent = true;
             emit("removed", gone.second, "");
             if (removeOnRemoval) release(gone.second);
@@ -253,7 +293,7 @@ struct Watcher {
 int run(const Args& args) {
     args.allow({"module", "csp", "store", "roots", "cas", "others", "prune", "json", "pin-env",
                 "pin-file", "no-pin-pad", "verbose", "interval", "on-removal", "slot-events",
-                "reload", "any-token"});
+                "reload", "any-token", "grace"});
     Watcher w{args,
               chooseToken(args),
               {},
@@ -265,6 +305,9 @@ int run(const Args& args) {
               {},
               {},
               false,
+              {},
+              0,
+              {},
               {}};
     if (!args.has("csp") || args.get("csp").empty()) throw UsageError("--csp is required");
     w.options = syncOptions(wideFromUtf8(args.get("csp")), w.verbose);
@@ -273,7 +316,10 @@ int run(const Args& args) {
     if (onRemoval != "keep" && onRemoval != "remove")
         throw UsageError("--on-removal is keep or remove");
     w.removeOnRemoval = onRemoval == "remove";
-    const double interval = seconds(args.get("interval", "2"));
+    const double interval = seconds(args, "interval", "2", 0.05);
+    w.graceSeconds = seconds(args, "grace", "3", 0);
+    w.grace = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(w.graceSeconds));
     // An unattended PIN goes to the tokens the user named, never to whatever card is inserted.
     if (hasPinSource(args, w.choice) && !args.flag("any-token") &&
         !(w.choice.byUri && !w.choice.uri.path().empty()))
@@ -346,8 +392,10 @@ int run(const Args& args) {
                 // While the module waits for slot events on its thread, its slot list is read
                 // when one comes and, in case one was missed, every 30 s: some modules ask their
                 // readers for the list, which need not happen each interval.
+                // A token gone for a while is looked for each interval, until it is back or its
+                // grace period is over.
                 if (!fresh && woken == Alarm::Woken::Timeout && events->running() &&
-                    ++quietIntervals < lookEvery)
+                    w.missing.empty() && ++quietIntervals < lookEvery)
                     continue;
                 quietIntervals = 0;
                 std::set<CK_SLOT_ID> changed = events->takeSlots();
@@ -398,7 +446,7 @@ Registrar reg({"watch",
                kUsage,
                run,
                {"module", "csp", "store", "roots", "cas", "others", "pin-env", "pin-file",
-                "interval", "on-removal"}});
+                "interval", "on-removal", "grace"}});
 
 }  // namespace
 }  // namespace nebra
