@@ -15,6 +15,7 @@
 
 #include "platform/console.h"
 #include "tools/nebra/messages.h"
+#include "tools/nebra/repeats.h"
 #include "tools/nebra/slot_events.h"
 #include "tools/nebra/syncer.h"
 #include "tools/nebra/token_common.h"
@@ -44,9 +45,10 @@ const char* kUsage =
     "sees new tokens when it is loaded (SoftHSM2) needs --reload.\n"
     "\n"
     "One line per event on stdout: inserted, synced, outage, removed, released, error (--json:\n"
-    "one JSON object per line). The PIN comes from --pin-env, --pin-file or the URI's\n"
-    "pin-source, and goes only to the tokens a URI naming the token (token, serial, manufacturer\n"
-    "or model) chooses, unless --any-token is given. A wrong PIN is reported and never sent to\n"
+    "one JSON object per line); an error that comes back at each look is printed again only\n"
+    "after a minute. The PIN comes from --pin-env, --pin-file or the URI's pin-source, and\n"
+    "goes only to the tokens a URI naming the token (token, serial, manufacturer or model)\n"
+    "chooses, unless --any-token is given. A wrong PIN is reported and never sent to\n"
     "that token again, whatever insertions follow; no PIN is sent to a token that reports its\n"
     "PIN locked or one try left. A token with a PIN pad is logged in on its keypad. A token is\n"
     "taken as removed only when the module says so (no token present, device removed, slot\n"
@@ -118,8 +120,10 @@ struct Watcher {
     double graceSeconds;
     std::chrono::steady_clock::duration grace;
     std::map<std::string, std::chrono::steady_clock::time_point> missing;  // by URI: gone since
+    Repeats repeats;  // errors that come back at each look: said once a minute
 
-    void emit(const char* event, const TokenIdentity& t, const std::string& detail) {
+    void emit(const char* event, const TokenIdentity& t, std::string detail) {
+        if (std::string(event) == "error" && !repeats.pass(t.uri() + "\n" + detail, detail)) return;
         if (json)
             std::cout << "{\"event\":\"" << event << "\",\"token\":" << jsonString(t.uri())
                       << ",\"label\":" << jsonString(utf8(t.label))
@@ -131,7 +135,8 @@ struct Watcher {
     }
 
     // An error of the module rather than of a token.
-    void moduleError(const std::string& detail) {
+    void moduleError(std::string detail) {
+        if (!repeats.pass("\n" + detail, detail)) return;
         std::cout << (json ? "{\"event\":\"error\",\"detail\":" + jsonString(detail) + "}"
                            : "error " + shown(detail))
                   << std::endl;
@@ -307,6 +312,7 @@ int run(const Args& args) {
               false,
               {},
               0,
+              {},
               {},
               {}};
     if (!args.has("csp") || args.get("csp").empty()) throw UsageError("--csp is required");
