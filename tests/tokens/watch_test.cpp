@@ -9,30 +9,51 @@ namespace {
 
 using nebratest::waitFor;
 
+// A certificate both cards hold, under different key identifiers, is bound to the container of
+// the card synced first; when that card is released, the one that stays is synced again (without
+// a login) and the certificate bound to its container.
 TEST_F(TwoTokens, WatchSyncsTokensMovedInAndReleasesOnlyTheRemovedOnesCertificates) {
-    const std::string cardB = tokenDir(hsm, "cardB"), parked = data.file("cardB");
+    for (const char* card : {"cardA", "cardB"}) {
+        const std::string id(1, card[4] == 'A' ? '\x0a' : '\x0b');
+        nebratest::TokenWriter w(nebratest::SoftHsm::module(), card, "1234");
+        w.addCertificate(der[4], id, "shared");
+        w.addKeyPair(id);
+    }
+    const std::string cardA = tokenDir(hsm, "cardA"), cardB = tokenDir(hsm, "cardB"),
+                      parked = data.file("card"), counts = data.file("counts");
     ASSERT_FALSE(cardB.empty());
     ASSERT_EQ(rename(cardB.c_str(), parked.c_str()), 0);
-    start("--module " + nebratest::SoftHsm::module() +
-          " --csp Prov --pin-env PIN --any-token --interval 0.2 --on-removal remove --reload");
-    const Lines onlyA{"CKAIDHEX:01 cardA+", "CKAIDHEX:02 cardA+"};
-    EXPECT_TRUE(waitFor([&] { return stored() == onlyA; })) << watched();
+    start("--module " + nebratest::SoftHsm::faultModule() +
+              " --csp Prov --pin-env PIN --any-token --interval 0.2 --on-removal remove --reload",
+          "NEBRA_FAULT_COUNTS=" + counts);
+    EXPECT_TRUE(waitFor([&] {
+        return stored() == Lines{"CKAIDHEX:01 cardA+", "CKAIDHEX:02 cardA+", "CKAIDHEX:0A cardA+"};
+    })) << watched();
     ASSERT_EQ(rename(parked.c_str(), cardB.c_str()), 0);  // inserted
     EXPECT_TRUE(waitFor([&] {
         return stored() == Lines{"CKAIDHEX:01 cardA+", "CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardA+",
-                                 "CKAIDHEX:02 cardB+"};
+                                 "CKAIDHEX:02 cardB+", "CKAIDHEX:0A cardA+cardB+"};
     })) << watched();
-    ASSERT_EQ(rename(cardB.c_str(), parked.c_str()), 0);  // removed: only its certificates go
-    EXPECT_TRUE(waitFor([&] { return stored() == onlyA; })) << watched();
+    ASSERT_EQ(rename(cardA.c_str(), parked.c_str()), 0);  // removed: only its certificates go
+    EXPECT_TRUE(waitFor([&] {
+        return stored() == Lines{"CKAIDHEX:01 cardB+", "CKAIDHEX:02 cardB+", "CKAIDHEX:0B cardB+"};
+    })) << watched();
     EXPECT_EQ(stop(), 0);
     const std::string text = nebratest::readFile(data.file("watch.out"));
     for (const char* line : {"inserted pkcs11:", "synced pkcs11:", "outage pkcs11:",
                              "removed pkcs11:", "released pkcs11:"})
         EXPECT_TRUE(contains(text, line));
-    EXPECT_EQ(count(text, ";token=cardB  MY: 0 added, 0 unchanged, 2 removed\n"), 1u) << text;
-    // A and B inserted and synced; B gone (an outage until the grace period is over), removed,
-    // released.
-    EXPECT_EQ(count(text, "\n"), 7u) << text;
+    EXPECT_EQ(count(text,
+                    ";token=cardA  MY: 0 added, 0 unchanged, 2 removed, 1 kept for another "
+                    "token\n"),
+              1u)
+        << text;
+    EXPECT_EQ(count(text, ";token=cardB  MY: 0 added, 2 unchanged, 0 removed, 1 rebound\n"), 1u)
+        << text;
+    // A and B inserted and synced; A gone (an outage until the grace period is over), removed,
+    // released; B synced again.
+    EXPECT_EQ(count(text, "\n"), 8u) << text;
+    EXPECT_EQ(loginsIn(counts), 2);
 }
 
 // What a card does to an unattended watch: a wrong PIN is sent once, whatever re-insertions

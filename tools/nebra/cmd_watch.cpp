@@ -23,6 +23,7 @@
 namespace nebra {
 namespace {
 
+using pkcs11::certstoreupdater::CertListPackage;
 using pkcs11::certstoreupdater::Pkcs11Uri;
 using pkcs11::certstoreupdater::TokenIdentity;
 
@@ -38,7 +39,9 @@ const char* kUsage =
     "also while a PIN-pad login waits). When a token appears (any token of the module,\n"
     "or those a PKCS#11 URI chooses), logs in and syncs it as 'nebra sync' does. When it goes\n"
     "and --on-removal remove is given, takes its certificates out of the stores it was synced\n"
-    "to (certificates another token also has stay). The module stays loaded: tokens are seen\n"
+    "to; certificates another token also has stay, and the tokens still present are synced\n"
+    "again from what they held (no new login), so that such a certificate is bound to the\n"
+    "key container of a token that has it. The module stays loaded: tokens are seen\n"
     "as they come and go in its slot list, which is read when the module reports a slot event\n"
     "(C_WaitForSlotEvent, as smart-card modules do; then also every 30 s) or else each\n"
     "interval. The token information is only read for slots that changed. A module that only\n"
@@ -121,6 +124,9 @@ struct Watcher {
     std::chrono::steady_clock::duration grace;
     std::map<std::string, std::chrono::steady_clock::time_point> missing;  // by URI: gone since
     Repeats repeats;  // errors that come back at each look: said once a minute
+    // By URI: what each present token held when it was synced, to sync it again from without a
+    // login.
+    std::map<std::string, std::shared_ptr<const CertListPackage>> held;
 
     void emit(const char* event, const TokenIdentity& t, std::string detail) {
         if (std::string(event) == "error" && !repeats.pass(t.uri() + "\n" + detail, detail)) return;
@@ -144,10 +150,14 @@ struct Watcher {
 
     static std::string summary(const std::vector<StoreResult>& results) {
         std::ostringstream out;
-        for (const StoreResult& r : results)
+        for (const StoreResult& r : results) {
             out << (&r == &results[0] ? "" : "; ") << utf8(r.store) << ": " << r.added.size()
                 << " added, " << r.unchanged.size() << " unchanged, " << r.removed.size()
                 << " removed";
+            if (!r.unlinked.empty()) out << ", " << r.unlinked.size() << " kept for another token";
+            if (!r.rebound.empty()) out << ", " << r.rebound.size() << " rebound";
+            if (!r.shared.empty()) out << ", " << r.shared.size() << " shared with another token";
+        }
         return out.str();
     }
 
@@ -165,12 +175,9 @@ struct Watcher {
             chosen.uri = Pkcs11Uri::parse(t.uri());
             TokenSession session(chosen);
             loginToken(session, args, choice, std::cerr, false, &gStop);
-            auto all = session.getAllCerts();
-            std::vector<StoreResult> results;
-            SyncEngine(options).sync(
-                *all, t, targets, SyncEngine::identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1),
-                results);
-            emit("synced", t, summary(results));
+            std::shared_ptr<const CertListPackage> all = session.getAllCerts();
+            syncStores(t, *all);
+            held[t.uri()] = all;
         } catch (const orvo::GenericEvent& e) {
             emit("error", t, failure(e));
         } catch (const PinWithheld& e) {
@@ -186,12 +193,38 @@ struct Watcher {
         }
     }
 
-    void release(const TokenIdentity& t) {
+    void syncStores(const TokenIdentity& t, const CertListPackage& all) {
+        std::vector<StoreResult> results;
+        SyncEngine(options).sync(all, t, targets,
+                                 SyncEngine::identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1),
+                                 results);
+        emit("synced", t, summary(results));
+    }
+
+    // Syncs the tokens that stay present again, from what they held when synced: a certificate
+    // that a released token shared with one of them is still bound to the released token's key
+    // container, and the sync binds it to the container of the token that has it now. No PIN is
+    // sent again.
+    void resync(const std::map<std::string, TokenIdentity>& staying) {
+        for (const auto& t : staying) {
+            auto all = held.find(t.first);
+            if (all == held.end() || missing.count(t.first)) continue;
+            try {
+                syncStores(t.second, *all->second);
+            } catch (const orvo::GenericEvent& e) {
+                emit("error", t.second, failure(e));
+            }
+        }
+    }
+
+    // Takes the certificates of a removed token out of the stores; true when some stayed because
+    // another token has them too.
+    bool release(const TokenIdentity& t) {
         std::vector<StoreResult> results;
         std::string problem = SyncEngine::identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1);
         if (!problem.empty()) {
             emit("error", t, "its certificates were kept: " + problem);
-            return;
+            return false;
         }
         try {
             for (const StoreTarget& target : targets) {
@@ -203,6 +236,8 @@ struct Watcher {
         } catch (const orvo::GenericEvent& e) {
             emit("error", t, failure(e));
         }
+        return std::any_of(results.begin(), results.end(),
+                           [](const StoreResult& r) { return !r.unlinked.empty(); });
     }
 
     // One look at the module's tokens; syncs the new, releases the gone; true when a token came
@@ -254,7 +289,7 @@ struct Watcher {
             if (++seen[uri] > 1) ambiguous.insert(uri);
             now.emplace(uri, id);
         }
-        bool cameOrWent = false;
+        bool cameOrWent = false, shared = false;
         const auto at = std::chrono::steady_clock::now();
         for (auto m = missing.begin(); m != missing.end();) {
             if (!now.count(m->first)) {
@@ -280,7 +315,14 @@ struct Watcher {
             missing.erase(since.first);
             cameOrWent = true;
             emit("removed", gone.second, "");
-            if (removeOnRemoval) release(gone.second);
+            held.erase(gone.first);
+            if (removeOnRemoval) shared = release(gone.second) || shared;
+        }
+        if (shared) {
+            std::map<std::string, TokenIdentity> staying;
+            for (const auto& t : now)
+                if (present.count(t.first)) staying.insert(t);
+            resync(staying);
         }
         for (const auto& t : now) {
             if (present.count(t.first)) continue;
@@ -312,6 +354,7 @@ int run(const Args& args) {
               false,
               {},
               0,
+              {},
               {},
               {},
               {}};
