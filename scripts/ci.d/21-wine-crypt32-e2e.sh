@@ -113,7 +113,7 @@ scenario() {
   # compares every property too.
   dump >"$OUT/12-dump-a-b"
   park cardB
-  waitfor 6  # B removed and released
+  waitfor 7  # B gone (an outage for the grace period), removed and released
   lists >"$OUT/12-list-a-again"
   kill $watcher
   wait $watcher 2>/dev/null || true

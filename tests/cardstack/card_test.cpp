@@ -231,30 +231,55 @@ TEST_F(Cards, WatchFollowsEachCardAndLeavesTheCardsAloneWhenIdle) {
 }
 
 // The smart-card service stops under a watch and comes back (the cards in again): the watch says
-// so in words and syncs the cards once they are back.
+// so in words. Back within the grace period, the cards are the same tokens, neither released nor
+// logged in again; back after it, they were released and are synced again (the card counters
+// start afresh with the service).
 TEST_F(Cards, WatchOutlivesTheSmartCardService) {
     nebratest::TempDir data;
     nebratest::ScopedEnv xdg("XDG_DATA_HOME", data.path().c_str());
     auto out = [&] { return nebratest::readFile(out_.file("watch.out")); };
-    // OpenSC loads and unloads the PC/SC client library itself, which leaks its context when the
-    // service goes: preloaded, it stays mapped, so that a leak checker names it (and lets it be).
-    nebratest::Process watch(
-        "env LD_PRELOAD=libpcsclite.so.1 ASAN_OPTIONS=\"$ASAN_OPTIONS:"
-        "verify_asan_link_order=0\" " NEBRA_BINARY_DIR "/bin/nebra watch --module " +
-        kModule + " --csp Card --pin-env PIN --any-token --interval 0.2 >'" +
-        out_.file("watch.out") + "' 2>'" + out_.file("watch.err") + "'");
-    EXPECT_TRUE(nebratest::waitFor([&] { return nebratest::count(out(), "synced ") == 2; }));
-    ASSERT_EQ(nebratest::sh("kill $(cat '" + stack_->file("pcscd.pid") + "')"), 0);
-    EXPECT_TRUE(nebratest::waitFor([&] {
-        return contains(out(),
-                        "error the module reports no slot at all: no reader is connected, "
-                        "or the smart-card service (pcscd) is not running");
-    }));
-    ASSERT_EQ(nebratest::sh(script("start") + " --cards 2 >/dev/null 2>&1"), 0);
-    EXPECT_TRUE(nebratest::waitFor([&] { return nebratest::count(out(), "synced ") == 4; }))
-        << out();
-    EXPECT_EQ(watch.stop(), 0);
-    EXPECT_TRUE(contains(out(), "the module stopped waiting for slot events")) << out();
+    auto err = [&] { return nebratest::readFile(out_.file("watch.err")); };
+    const struct {
+        const char* grace;
+        std::size_t synced;
+        int verifies;  // PIN logins on each card once the service is back
+    } runs[] = {{"600", 2, 0}, {"0", 4, 1}};
+    for (const auto& run : runs) {
+        SCOPED_TRACE(run.grace);
+        for (const char* file : {"watch.out", "watch.err"})  // what the run before wrote
+            std::remove(out_.file(file).c_str());
+        // OpenSC loads and unloads the PC/SC client library itself, which leaks its context when
+        // the service goes: preloaded, it stays mapped, so that a leak checker names it (and lets
+        // it be).
+        nebratest::Process watch(
+            "env LD_PRELOAD=libpcsclite.so.1 ASAN_OPTIONS=\"$ASAN_OPTIONS:"
+            "verify_asan_link_order=0\" " NEBRA_BINARY_DIR "/bin/nebra watch --module " +
+            kModule + " --csp Card --pin-env PIN --any-token --on-removal remove --interval 0.2 " +
+            "--verbose --grace " + run.grace + " >'" + out_.file("watch.out") + "' 2>'" +
+            out_.file("watch.err") + "'");
+        EXPECT_TRUE(nebratest::waitFor([&] { return nebratest::count(out(), "synced ") == 2; }));
+        ASSERT_EQ(nebratest::sh("kill $(cat '" + stack_->file("pcscd.pid") + "')"), 0);
+        // Both cards gone: awaited for the grace period, or removed at once.
+        EXPECT_TRUE(nebratest::waitFor([&] {
+            return nebratest::count(out(), "outage ") + nebratest::count(out(), "removed ") == 2;
+        })) << out();
+        EXPECT_TRUE(nebratest::waitFor([&] {
+            return contains(out(),
+                            "error the module reports no slot at all: no reader is connected, "
+                            "or the smart-card service (pcscd) is not running");
+        })) << out();
+        ASSERT_EQ(nebratest::sh(script("start") + " --cards 2 >/dev/null 2>&1"), 0);
+        // Both cards seen again: back as they were, or synced anew.
+        EXPECT_TRUE(nebratest::waitFor([&] {
+            return nebratest::count(out(), "synced ") + nebratest::count(err(), " is back\n") == 4;
+        })) << out();
+        EXPECT_EQ(watch.stop(), 0);
+        EXPECT_EQ(nebratest::count(out(), "synced "), run.synced) << out();
+        EXPECT_EQ(nebratest::count(out(), "released "), run.synced - 2) << out();
+        EXPECT_EQ(counter(1, "verifies_with_pin"), run.verifies);
+        EXPECT_EQ(counter(2, "verifies_with_pin"), run.verifies);
+        EXPECT_TRUE(contains(out(), "the module stopped waiting for slot events")) << out();
+    }
 }
 
 // The card's retry counter decides: nebra sends a wrong PIN while tries remain but never the last
@@ -279,7 +304,7 @@ TEST_F(Cards, TheLastTryAndALockedPinAreNeverSpent) {
     ASSERT_EQ(counter(2, "tries_left"), 0);
     const int verifies = counter(2, "verifies_with_pin");
     nebratest::Process watch("env " NEBRA_BINARY_DIR "/bin/nebra watch" + two +
-                             " --csp Card --interval 0.2 >'" + out_.file("watch.out") +
+                             " --csp Card --interval 0.2 --grace 0 >'" + out_.file("watch.out") +
                              "' 2>/dev/null");
     auto out = [&] { return nebratest::readFile(out_.file("watch.out")); };
     EXPECT_TRUE(nebratest::waitFor([&] { return contains(out(), "CKF_USER_PIN_LOCKED"); }));

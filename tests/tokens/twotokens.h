@@ -22,14 +22,16 @@ using pkcs11::certstoreupdater::TokenStore;
 
 using Lines = std::vector<std::string>;
 
-// The C_Login calls the fault module counted in its NEBRA_FAULT_COUNTS file, over every load.
-inline int loginsIn(const std::string& countsFile) {
-    std::string text = nebratest::readFile(countsFile);
-    int n = 0;
-    for (std::size_t p = text.find("C_Login "); p != std::string::npos;
-         p = text.find("C_Login ", p + 1))
-        n += std::atoi(text.c_str() + p + 8);
+// The calls of `name` the fault module counted in its NEBRA_FAULT_COUNTS file, over every load.
+inline long callsIn(const std::string& countsFile, const std::string& name) {
+    const std::string text = nebratest::readFile(countsFile), line = name + " ";
+    long n = 0;
+    for (std::size_t p = text.find(line); p != std::string::npos; p = text.find(line, p + 1))
+        n += std::atol(text.c_str() + p + line.size());
     return n;
+}
+inline int loginsIn(const std::string& countsFile) {
+    return static_cast<int>(callsIn(countsFile, "C_Login"));
 }
 
 class TwoTokens : public ::testing::Test {

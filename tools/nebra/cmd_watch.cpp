@@ -15,6 +15,7 @@
 
 #include "platform/console.h"
 #include "tools/nebra/messages.h"
+#include "tools/nebra/repeats.h"
 #include "tools/nebra/slot_events.h"
 #include "tools/nebra/syncer.h"
 #include "tools/nebra/token_common.h"
@@ -28,35 +29,44 @@ using pkcs11::certstoreupdater::TokenIdentity;
 const char* kUsage =
     "usage: nebra watch --module PATH_OR_NAME_OR_URI --csp NAME [--store MY] [--roots STORE]\n"
     "                   [--cas STORE] [--others STORE] [--prune] [--interval SECONDS]\n"
-    "                   [--on-removal keep|remove] [--json] [--verbose] [--reload]\n"
-    "                   [--pin-env VAR | --pin-file FILE] [--any-token] [--no-pin-pad]\n"
+    "                   [--on-removal keep|remove] [--grace SECONDS] [--json] [--verbose]\n"
+    "                   [--reload] [--pin-env VAR | --pin-file FILE] [--any-token]\n"
+    "                   [--no-pin-pad]\n"
     "\n"
     "Runs until SIGINT or SIGTERM, or on Windows until Ctrl-C or the console closes (then exits "
     "0,\n"
     "also while a PIN-pad login waits). When a token appears (any token of the module,\n"
     "or those a PKCS#11 URI chooses), logs in and syncs it as 'nebra sync' does. When it goes\n"
     "and --on-removal remove is given, takes its certificates out of the stores it was synced\n"
-    "to (certificates another token also has stay). The module stays loaded: tokens are seen\n"
+    "to; certificates another token also has stay, and the tokens still present are synced\n"
+    "again from what they held (no new login), so that such a certificate is bound to the\n"
+    "key container of a token that has it. The module stays loaded: tokens are seen\n"
     "as they come and go in its slot list, which is read when the module reports a slot event\n"
     "(C_WaitForSlotEvent, as smart-card modules do; then also every 30 s) or else each\n"
     "interval. The token information is only read for slots that changed. A module that only\n"
     "sees new tokens when it is loaded (SoftHSM2) needs --reload.\n"
     "\n"
-    "One line per event on stdout: inserted, synced, removed, released, error (--json: one JSON\n"
-    "object per line). The PIN comes from --pin-env, --pin-file or the URI's pin-source, and\n"
+    "One line per event on stdout: inserted, synced, outage, removed, released, error (--json:\n"
+    "one JSON object per line); an error that comes back at each look is printed again only\n"
+    "after a minute. The PIN comes from --pin-env, --pin-file or the URI's pin-source, and\n"
     "goes only to the tokens a URI naming the token (token, serial, manufacturer or model)\n"
-    "chooses, unless --any-token is given. A wrong PIN is reported and never sent to that token\n"
-    "again, whatever insertions follow; no PIN is sent to a token that reports its PIN locked or\n"
-    "one try left. A token with a PIN pad is logged in on its keypad. A token is taken as\n"
-    "removed only when the module says so (no token present, device removed, slot gone); any\n"
-    "other error is reported and the token looked at again at the next interval. When the slot\n"
-    "list cannot be read (the smart-card service stopped), the module is loaded again at the\n"
-    "next interval.\n"
+    "chooses, unless --any-token is given. A wrong PIN is reported and never sent to\n"
+    "that token again, whatever insertions follow; no PIN is sent to a token that reports its\n"
+    "PIN locked or one try left. A token with a PIN pad is logged in on its keypad. A token is\n"
+    "taken as removed only when the module says so (no token present, device removed, slot\n"
+    "gone) and it stays so for the grace period: a token gone for less (its slot, or the whole\n"
+    "slot list, vanished while the smart-card service restarted) is reported as an outage, and\n"
+    "when it comes back it is the same token, neither released nor logged in again. Any other\n"
+    "error is reported and the token looked at again at the next interval. When the slot list\n"
+    "cannot be read (the smart-card service stopped), the module is loaded again at the next\n"
+    "interval.\n"
     "\n"
     "  --interval SECONDS     how often to look, 0.05 to 86400 (default 2)\n"
     "  --any-token            send the PIN to every token that appears, not only to those a\n"
     "                         URI naming the token chooses\n"
     "  --on-removal keep|remove  what to do with a removed token's certificates (default keep)\n"
+    "  --grace SECONDS        how long a token may be gone before it is taken as removed, 0 to\n"
+    "                         86400 (default 3)\n"
     "  --reload               unload and load the module each interval, for modules that only\n"
     "                         see tokens come and go when initialised again (SoftHSM2)\n"
     "  --verbose              log each look, token, certificate and binding on stderr\n"
@@ -76,15 +86,22 @@ bool meansRemoved(const orvo::GenericEvent& e) {
     return rv == CKR_TOKEN_NOT_PRESENT || rv == CKR_DEVICE_REMOVED || rv == CKR_SLOT_ID_INVALID;
 }
 
-// A number of seconds: the whole text must be a finite decimal number.
-double seconds(const std::string& text) {
+// The number of seconds option `name` gives, from `least` to a day: the whole text must be a
+// finite decimal number.
+double seconds(const Args& args, const std::string& name, const std::string& fallback,
+               double least) {
+    const std::string text = args.get(name, fallback);
     char* end = nullptr;
     errno = 0;
     double v = text.empty() ? 0 : std::strtod(text.c_str(), &end);
     const bool ok = !text.empty() && end && *end == '\0' && errno == 0 && std::isfinite(v) &&
                     text.find_first_of("xXpPnNiI") == std::string::npos;
-    if (!ok || !(v >= 0.05 && v <= 86400))
-        throw UsageError("--interval '" + text + "' is not a number of seconds from 0.05 to 86400");
+    if (!ok || !(v >= least && v <= 86400)) {
+        std::ostringstream range;
+        range << least << " to 86400";
+        throw UsageError("--" + name + " '" + text + "' is not a number of seconds from " +
+                         range.str());
+    }
     return v;
 }
 
@@ -100,8 +117,19 @@ struct Watcher {
     std::set<std::string> ambiguous;               // identities two present tokens reported at once
     bool saidNoSlots = false;
     std::map<std::string, std::string> withheld;  // by URI: why the PIN was last kept back
+    // A token whose slot, or the whole slot list, vanished is kept as present for the grace
+    // period: a restarting smart-card service, or a token with a built-in reader that drops its
+    // slot for a moment, gives back the same token, which is then neither released nor synced.
+    double graceSeconds;
+    std::chrono::steady_clock::duration grace;
+    std::map<std::string, std::chrono::steady_clock::time_point> missing;  // by URI: gone since
+    Repeats repeats;  // errors that come back at each look: said once a minute
+    // By URI: what each present token held when it was synced, to sync it again from without a
+    // login.
+    std::map<std::string, std::shared_ptr<const TokenContents>> held;
 
-    void emit(const char* event, const TokenIdentity& t, const std::string& detail) {
+    void emit(const char* event, const TokenIdentity& t, std::string detail) {
+        if (std::string(event) == "error" && !repeats.pass(t.uri() + "\n" + detail, detail)) return;
         if (json)
             std::cout << "{\"event\":\"" << event << "\",\"token\":" << jsonString(t.uri())
                       << ",\"label\":" << jsonString(utf8(t.label))
@@ -113,7 +141,8 @@ struct Watcher {
     }
 
     // An error of the module rather than of a token.
-    void moduleError(const std::string& detail) {
+    void moduleError(std::string detail) {
+        if (!repeats.pass("\n" + detail, detail)) return;
         std::cout << (json ? "{\"event\":\"error\",\"detail\":" + jsonString(detail) + "}"
                            : "error " + shown(detail))
                   << std::endl;
@@ -121,10 +150,14 @@ struct Watcher {
 
     static std::string summary(const std::vector<StoreResult>& results) {
         std::ostringstream out;
-        for (const StoreResult& r : results)
+        for (const StoreResult& r : results) {
             out << (&r == &results[0] ? "" : "; ") << utf8(r.store) << ": " << r.added.size()
                 << " added, " << r.unchanged.size() << " unchanged, " << r.removed.size()
                 << " removed";
+            if (!r.unlinked.empty()) out << ", " << r.unlinked.size() << " kept for another token";
+            if (!r.rebound.empty()) out << ", " << r.rebound.size() << " rebound";
+            if (!r.shared.empty()) out << ", " << r.shared.size() << " shared with another token";
+        }
         return out.str();
     }
 
@@ -142,16 +175,13 @@ struct Watcher {
             chosen.uri = Pkcs11Uri::parse(t.uri());
             TokenSession session(chosen);
             loginToken(session, args, pins, std::cerr, false, &gStop);
-            const TokenContents all = session.readCertificates();
-            for (const auto& u : all.unreadable)
+            auto all = std::make_shared<const TokenContents>(session.readCertificates());
+            for (const auto& u : all->unreadable)
                 emit("error", t,
                      "an object of the token was skipped: CKA_ID " + u.id + ", label bytes " +
                          (u.label.empty() ? "(none)" : u.label) + ": " + u.reason);
-            std::vector<StoreResult> results;
-            SyncEngine(options).sync(
-                all, t, targets, SyncEngine::identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1),
-                results);
-            emit("synced", t, summary(results));
+            syncStores(t, *all);
+            held[t.uri()] = all;
         } catch (const orvo::GenericEvent& e) {
             emit("error", t, failure(e));
         } catch (const PinWithheld& e) {
@@ -167,12 +197,38 @@ struct Watcher {
         }
     }
 
-    void release(const TokenIdentity& t) {
+    void syncStores(const TokenIdentity& t, const TokenContents& all) {
+        std::vector<StoreResult> results;
+        SyncEngine(options).sync(all, t, targets,
+                                 SyncEngine::identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1),
+                                 results);
+        emit("synced", t, summary(results));
+    }
+
+    // Syncs the tokens that stay present again, from what they held when synced: a certificate
+    // that a released token shared with one of them is still bound to the released token's key
+    // container, and the sync binds it to the container of the token that has it now. No PIN is
+    // sent again.
+    void resync(const std::map<std::string, TokenIdentity>& staying) {
+        for (const auto& t : staying) {
+            auto all = held.find(t.first);
+            if (all == held.end() || missing.count(t.first)) continue;
+            try {
+                syncStores(t.second, *all->second);
+            } catch (const orvo::GenericEvent& e) {
+                emit("error", t.second, failure(e));
+            }
+        }
+    }
+
+    // Takes the certificates of a removed token out of the stores; true when some stayed because
+    // another token has them too.
+    bool release(const TokenIdentity& t) {
         std::vector<StoreResult> results;
         std::string problem = SyncEngine::identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1);
         if (!problem.empty()) {
             emit("error", t, "its certificates were kept: " + problem);
-            return;
+            return false;
         }
         try {
             for (const StoreTarget& target : targets) {
@@ -184,6 +240,8 @@ struct Watcher {
         } catch (const orvo::GenericEvent& e) {
             emit("error", t, failure(e));
         }
+        return std::any_of(results.begin(), results.end(),
+                           [](const StoreResult& r) { return !r.unlinked.empty(); });
     }
 
     // One look at the module's tokens; syncs the new, releases the gone; true when a token came
@@ -235,12 +293,40 @@ struct Watcher {
             if (++seen[uri] > 1) ambiguous.insert(uri);
             now.emplace(uri, id);
         }
-        bool cameOrWent = false;
+        bool cameOrWent = false, shared = false;
+        const auto at = std::chrono::steady_clock::now();
+        for (auto m = missing.begin(); m != missing.end();) {
+            if (!now.count(m->first)) {
+                ++m;
+                continue;
+            }
+            if (verbose) std::cerr << "token " << m->first << " is back\n";
+            m = missing.erase(m);
+        }
         for (const auto& gone : present) {
             if (now.count(gone.first)) continue;
+            const auto since = missing.emplace(gone.first, at);
+            if (at - since.first->second < grace) {
+                if (since.second) {
+                    std::ostringstream detail;
+                    detail << "gone from the slot list; waiting " << graceSeconds
+                           << " s for it to come back";
+                    emit("outage", gone.second, detail.str());
+                }
+                now.insert(gone);
+                continue;
+            }
+            missing.erase(since.first);
             cameOrWent = true;
             emit("removed", gone.second, "");
-            if (removeOnRemoval) release(gone.second);
+            held.erase(gone.first);
+            if (removeOnRemoval) shared = release(gone.second) || shared;
+        }
+        if (shared) {
+            std::map<std::string, TokenIdentity> staying;
+            for (const auto& t : now)
+                if (present.count(t.first)) staying.insert(t);
+            resync(staying);
         }
         for (const auto& t : now) {
             if (present.count(t.first)) continue;
@@ -258,7 +344,7 @@ struct Watcher {
 int run(const Args& args) {
     args.allow({"module", "csp", "store", "roots", "cas", "others", "prune", "json", "pin-env",
                 "pin-file", "no-pin-pad", "verbose", "interval", "on-removal", "slot-events",
-                "reload", "any-token"});
+                "reload", "any-token", "grace"});
     const TokenChoice choice = chooseToken(args);
     const PinSource pins(args, choice);
     Watcher w{args,
@@ -273,6 +359,11 @@ int run(const Args& args) {
               {},
               {},
               false,
+              {},
+              0,
+              {},
+              {},
+              {},
               {}};
     if (!args.has("csp") || args.get("csp").empty()) throw UsageError("--csp is required");
     w.options = syncOptions(wideFromUtf8(args.get("csp")), w.verbose);
@@ -281,7 +372,10 @@ int run(const Args& args) {
     if (onRemoval != "keep" && onRemoval != "remove")
         throw UsageError("--on-removal is keep or remove");
     w.removeOnRemoval = onRemoval == "remove";
-    const double interval = seconds(args.get("interval", "2"));
+    const double interval = seconds(args, "interval", "2", 0.05);
+    w.graceSeconds = seconds(args, "grace", "3", 0);
+    w.grace = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(w.graceSeconds));
     // An unattended PIN goes to the tokens the user named, never to whatever card is inserted.
     if (pins.unattended() && !args.flag("any-token") &&
         !(w.choice.byUri && !w.choice.uri.path().empty()))
@@ -354,8 +448,10 @@ int run(const Args& args) {
                 // While the module waits for slot events on its thread, its slot list is read
                 // when one comes and, in case one was missed, every 30 s: some modules ask their
                 // readers for the list, which need not happen each interval.
+                // A token gone for a while is looked for each interval, until it is back or its
+                // grace period is over.
                 if (!fresh && woken == Alarm::Woken::Timeout && events->running() &&
-                    ++quietIntervals < lookEvery)
+                    w.missing.empty() && ++quietIntervals < lookEvery)
                     continue;
                 quietIntervals = 0;
                 std::set<CK_SLOT_ID> changed = events->takeSlots();
@@ -406,7 +502,7 @@ Registrar reg({"watch",
                kUsage,
                run,
                {"module", "csp", "store", "roots", "cas", "others", "pin-env", "pin-file",
-                "interval", "on-removal"}});
+                "interval", "on-removal", "grace"}});
 
 }  // namespace
 }  // namespace nebra
