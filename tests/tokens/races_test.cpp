@@ -47,12 +47,23 @@ TEST_F(TwoTokens, OverlappingSyncsKeepEveryTokenRecord) {
         for (std::size_t i = 0; i < shared.size(); ++i)
             w.addCertificate(shared[i], "\x40" + std::to_string(i), "shared");
     }
+    // Each run sees its own card only (a copy of its token): SoftHSM2 rewrites a token's file at
+    // each login, and a second program reading that token's information meanwhile gets
+    // CKR_GENERAL_ERROR.
+    for (const char* card : {"cardA", "cardB"}) {
+        const std::string dir = data.file(std::string("hsm-") + card);
+        nebratest::sh("mkdir -p '" + dir + "/tokens' && cp -a '" + tokenDir(hsm, card) + "' '" +
+                      dir + "/tokens/'");
+        nebratest::writeFile(dir + "/softhsm2.conf", "directories.tokendir = " + dir +
+                                                         "/tokens\nobjectstore.backend = file\n");
+    }
     const int rounds = 10;
     int lost = 0;
     for (int round = 0; round < rounds; ++round) {
         const std::string store = "R" + std::to_string(round);
         auto run = [&](const char* card) {
-            return kNebra + " sync --module " + uri(card) + " --csp Prov --pin-env PIN --cas " +
+            return "SOFTHSM2_CONF='" + data.file(std::string("hsm-") + card) + "/softhsm2.conf' " +
+                   kNebra + " sync --module " + uri(card) + " --csp Prov --pin-env PIN --cas " +
                    store + " --others " + store + " >'" + data.file(card) + "' 2>&1";
         };
         nebratest::sh(run("cardA") + " & a=$!; " + run("cardB") + " & b=$!; wait $a; echo $? >'" +
