@@ -1,4 +1,4 @@
-// Beside the specified classes: the main job in one place. Brings certificate stores in step with
+// Beside the exported helpers: the main job in one place. Brings certificate stores in step with
 // one token's certificates, and takes one token's certificates out of them again. Every
 // certificate written records the token it came from (TokenStore); pruning and release touch only
 // certificates recorded for that token, never those of another token or of no token.

@@ -1,4 +1,4 @@
-// What the specified harvest (Pkcs11Helper) and the tolerant one of the sync road (TokenSession)
+// What the strict harvest (Pkcs11Helper) and the tolerant one of the sync road (TokenSession)
 // share: walking a search to its end, the keys' identifiers, and the CA rule.
 #pragma once
 

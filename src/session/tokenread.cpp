@@ -1,5 +1,5 @@
 // The sync road's read of a token: every certificate object, sorted into the four groups as the
-// specified harvest sorts them, where an object that cannot be decoded is skipped and reported.
+// strict harvest sorts them, where an object that cannot be decoded is skipped and reported.
 #include <string>
 
 #include "nebralib/buffer/codecs.h"
