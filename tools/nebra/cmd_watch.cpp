@@ -197,11 +197,15 @@ struct Watcher {
         }
     }
 
-    void syncStores(const TokenIdentity& t, const TokenContents& all) {
+    // `prune` false: the contents were read at an earlier sync, and what the token holds now may
+    // have been synced since by another run; nothing is removed on the strength of an old read.
+    void syncStores(const TokenIdentity& t, const TokenContents& all, bool prune = true) {
         std::vector<StoreResult> results;
-        SyncEngine(options).sync(all, t, targets,
-                                 SyncEngine::identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1),
-                                 results);
+        SyncOptions o = options;
+        o.prune = o.prune && prune;
+        SyncEngine(o).sync(all, t, targets,
+                           SyncEngine::identityProblem(t, ambiguous.count(t.uri()) ? 2 : 1),
+                           results);
         emit("synced", t, summary(results));
     }
 
@@ -214,7 +218,7 @@ struct Watcher {
             auto all = held.find(t.first);
             if (all == held.end() || missing.count(t.first)) continue;
             try {
-                syncStores(t.second, *all->second);
+                syncStores(t.second, *all->second, false);
             } catch (const orvo::GenericEvent& e) {
                 emit("error", t.second, failure(e));
             }
