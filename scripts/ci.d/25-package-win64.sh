@@ -65,7 +65,9 @@ out=$(win ./nebra.exe --version) || fail "nebra.exe --version: $(cat "$work/stde
 out=$(win ./nebra.exe providers) || fail "nebra.exe providers: $(cat "$work/stderr")"
 [ -n "$out" ] || fail "nebra.exe providers listed nothing"
 echo "nebra.exe --version: nebra $version; providers: $(echo "$out" | wc -l) listed"
-if win ./nebra.exe token --verbose --module 'C:\no\such\module.dll' --pin-env NO_PIN >/dev/null; then
+# A PIN source that is there (it is checked before the module is loaded), a module that is not.
+if NO_PIN=0000 win ./nebra.exe token --verbose --module 'C:\no\such\module.dll' --pin-env NO_PIN \
+  >/dev/null; then
   fail "nebra.exe token accepted a module that does not exist"
 fi
 tr -d '\r' <"$work/stderr" | grep -q "Pkcs11Error_CryptokiError" ||
