@@ -41,6 +41,9 @@ struct UnreadableObject {
     std::string reason;
 };
 
+// "CKA_ID 07, label bytes 6761: REASON" ("(none)" for a missing label), for messages.
+NEBRALIB_EXPORT std::string describe(const UnreadableObject& object);
+
 // What the sync road read from a token: every certificate object the module lists, in its order,
 // and the objects that could not be read. A read with unreadable objects is incomplete: nothing
 // is pruned or released on its strength.

@@ -91,5 +91,9 @@ private:
 // when given, tells whether there was such an attribute.
 NEBRALIB_EXPORT std::string redactPinValue(const std::string& text, bool* found = nullptr);
 
+// `text` (UTF-8) as a URI attribute value: RFC 3986 unreserved characters and those in `keep`
+// stay, every other byte is percent-encoded.
+NEBRALIB_EXPORT std::string percentEncode(const std::string& text, const char* keep = "");
+
 }  // namespace certstoreupdater
 }  // namespace pkcs11

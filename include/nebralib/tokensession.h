@@ -6,6 +6,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "nebralib/buffer/buffer.h"
 #include "nebralib/certitem.h"
@@ -93,7 +94,11 @@ public:
     // certificate or whose label is not UTF-8 is skipped and listed as unreadable instead of
     // failing the read (getAllCerts stays strict).
     TokenContents readCertificates();
-    // How many tokens of this module report the chosen token's identity (initialised ones only).
+    // The identities of the module's tokens present now, initialised ones only (a blank token,
+    // as SoftHSM2 always offers one, holds nothing and is nobody's), in slot order. A token that
+    // cannot be asked raises its event, or with `skipUnasked` is left out.
+    std::vector<TokenIdentity> presentTokens(bool skipUnasked = false) const;
+    // How many of them report the chosen token's identity (tokens that cannot be asked left out).
     std::size_t presentWithIdentity() const;
 
     Pkcs11Helper& helper() { return *helper_; }

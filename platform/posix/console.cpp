@@ -19,32 +19,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/secret.h"
+
 namespace platform {
 namespace console {
 
-namespace {
-
-// Overwrites the bytes of `s` and empties it.
-void wipe(std::string& s) {
-    volatile char* p = s.empty() ? nullptr : &s[0];
-    for (std::size_t i = 0; i < s.size(); ++i) p[i] = 0;
-    s.clear();
-}
-
-// Appends to a string that holds a secret: when it must grow, the old bytes are overwritten rather
-// than left behind in freed memory.
-void appendSecret(std::string& s, const char* p, std::size_t n) {
-    if (s.size() + n > s.capacity()) {
-        std::string bigger;
-        bigger.reserve(2 * (s.size() + n));
-        bigger = s;
-        wipe(s);
-        s.swap(bigger);
-    }
-    s.append(p, n);
-}
-
-}  // namespace
+using secret::append;
+using secret::wipe;
 
 void promptHidden(const char* prompt, std::string& line) {
     wipe(line);
@@ -62,7 +43,7 @@ void promptHidden(const char* prompt, std::string& line) {
     for (ssize_t n; (n = read(STDIN_FILENO, &c, 1)) != 0;) {
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 || c == '\n') break;
-        appendSecret(line, &c, 1);
+        append(line, &c, 1);
     }
     *static_cast<volatile char*>(&c) = 0;
     if (terminal) {
@@ -139,8 +120,7 @@ std::string readSecretFile(const std::string& path, std::string& line) {
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) break;
         const void* end = std::memchr(buf, '\n', static_cast<std::size_t>(n));
-        appendSecret(line, buf,
-                     static_cast<std::size_t>(end ? static_cast<const char*>(end) - buf : n));
+        append(line, buf, static_cast<std::size_t>(end ? static_cast<const char*>(end) - buf : n));
         if (end) break;
     }
     volatile char* used = buf;

@@ -10,31 +10,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/secret.h"
+
 namespace platform {
 namespace console {
 
-namespace {
-
-// Overwrites the bytes of `s` and empties it.
-void wipe(std::string& s) {
-    if (!s.empty()) SecureZeroMemory(&s[0], s.size());
-    s.clear();
-}
-
-// Appends to a string that holds a secret: when it must grow, the old bytes are overwritten rather
-// than left behind in freed memory.
-void appendSecret(std::string& s, const char* p, std::size_t n) {
-    if (s.size() + n > s.capacity()) {
-        std::string bigger;
-        bigger.reserve(2 * (s.size() + n));
-        bigger = s;
-        wipe(s);
-        s.swap(bigger);
-    }
-    s.append(p, n);
-}
-
-}  // namespace
+using secret::append;
+using secret::wipe;
 
 void promptHidden(const char* prompt, std::string& line) {
     wipe(line);
@@ -48,7 +30,7 @@ void promptHidden(const char* prompt, std::string& line) {
     }
     char c = 0;
     DWORD got = 0;
-    while (ReadFile(in, &c, 1, &got, nullptr) && got == 1 && c != '\n') appendSecret(line, &c, 1);
+    while (ReadFile(in, &c, 1, &got, nullptr) && got == 1 && c != '\n') append(line, &c, 1);
     SecureZeroMemory(&c, sizeof c);
     if (console) {
         SetConsoleMode(in, mode);
@@ -147,9 +129,9 @@ std::string readSecretFile(const std::string& path, std::string& line) {
     BOOL ok = TRUE;
     while ((ok = ReadFile(file, buf, sizeof buf, &got, nullptr)) && got > 0) {
         const void* end = std::memchr(buf, '\n', got);
-        appendSecret(line, buf,
-                     end ? static_cast<std::size_t>(static_cast<const char*>(end) - buf)
-                         : static_cast<std::size_t>(got));
+        append(line, buf,
+               end ? static_cast<std::size_t>(static_cast<const char*>(end) - buf)
+                   : static_cast<std::size_t>(got));
         if (end) break;
     }
     SecureZeroMemory(buf, sizeof buf);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <stdexcept>
 
 #include "nebralib/buffer/codecs.h"
@@ -95,13 +96,18 @@ void appendField(buffer::Buffer<unsigned char>& out, const std::wstring& text) {
     for (std::size_t i = 0; i < n; ++i) out.append(static_cast<unsigned char>(bytes[i]));
 }
 
-// RFC 3986 unreserved characters stay; everything else is percent-encoded.
 std::string encodeValue(const std::wstring& text) {
+    return percentEncode(buffer::utf8FromUtf16(text));
+}
+
+}  // namespace
+
+std::string percentEncode(const std::string& text, const char* keep) {
     static const char hex[] = "0123456789ABCDEF";
     std::string out;
-    for (unsigned char c : buffer::utf8FromUtf16(text)) {
+    for (unsigned char c : text) {
         if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-            c == '-' || c == '.' || c == '_' || c == '~') {
+            c == '-' || c == '.' || c == '_' || c == '~' || (c && std::strchr(keep, c))) {
             out += static_cast<char>(c);
         } else {
             out += '%';
@@ -111,8 +117,6 @@ std::string encodeValue(const std::wstring& text) {
     }
     return out;
 }
-
-}  // namespace
 
 TokenIdentity TokenIdentity::of(const CkTokenInfo& info) {
     return TokenIdentity{info.manufacturerId.str(), info.model.str(), info.serialNumber.str(),

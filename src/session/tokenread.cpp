@@ -15,13 +15,8 @@ namespace {
 using namespace harvestparts;
 
 std::string hexOf(const buffer::BufferRange<unsigned char>& bytes) {
-    static const char digits[] = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char b : bytes) {
-        out += digits[b >> 4];
-        out += digits[b & 15];
-    }
-    return out;
+    const buffer::Buffer<wchar_t> digits = buffer::hex(bytes.begin(), bytes.size());
+    return buffer::utf8FromUtf16(digits.data(), digits.size());
 }
 
 // What an event says went wrong with one object, in words.

@@ -1,5 +1,6 @@
 #include "nebralib/tokensession.h"
 
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <set>
@@ -242,8 +243,9 @@ std::unique_ptr<CertListPackage> TokenSession::getAllCerts() {
     return helper_->getAllCerts();
 }
 
-std::size_t TokenSession::presentWithIdentity() const {
-    const TokenIdentity token = identity();
+std::vector<TokenIdentity> TokenSession::presentTokens(bool skipUnasked) const {
+    // A fresh slot list: the session's own was taken when the token was chosen. The module is
+    // loaded already, so this load only counts one more user.
     Libraries& registry = Libraries::instance();
     CkLibrary lib = registry.load(module_);
     struct Unload {
@@ -251,18 +253,23 @@ std::size_t TokenSession::presentWithIdentity() const {
         const CkLibrary& lib;
         ~Unload() { r.unload(lib); }
     } unload{registry, lib};
-    std::size_t n = 0;
+    std::vector<TokenIdentity> tokens;
     CkSlots slots(lib, true);
     for (const CkSlot& slot : slots.entries()) {
         try {
             CkTokenInfo info = CkToken(slot).info();
-            // A blank token (SoftHSM2 always offers one) holds nothing and is nobody's.
-            if ((info.flags & CKF_TOKEN_INITIALIZED) && TokenIdentity::of(info) == token) ++n;
+            if (info.flags & CKF_TOKEN_INITIALIZED) tokens.push_back(TokenIdentity::of(info));
         } catch (const orvo::GenericEvent&) {
-            // A token that cannot be asked is not counted.
+            if (!skipUnasked) throw;
         }
     }
-    return n;
+    return tokens;
+}
+
+std::size_t TokenSession::presentWithIdentity() const {
+    const TokenIdentity token = identity();
+    const std::vector<TokenIdentity> tokens = presentTokens(true);
+    return static_cast<std::size_t>(std::count(tokens.begin(), tokens.end(), token));
 }
 
 }  // namespace certstoreupdater

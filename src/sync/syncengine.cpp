@@ -66,6 +66,11 @@ StoreHold::StoreHold(const std::wstring& store) : lock_(new Lock(store)) {
 
 StoreHold::~StoreHold() = default;
 
+std::string describe(const UnreadableObject& object) {
+    return "CKA_ID " + object.id + ", label bytes " +
+           (object.label.empty() ? "(none)" : object.label) + ": " + object.reason;
+}
+
 const char* groupName(CertGroup group) {
     switch (group) {
         case CertGroup::Root:
@@ -292,10 +297,8 @@ void SyncEngine::sync(TokenSession& session, const std::vector<StoreTarget>& tar
     const TokenIdentity token = session.chosen();
     if (o_.log) o_.log("token " + token.uri());
     TokenContents all = session.readCertificates();
-    for (const UnreadableObject& u : all.unreadable)
-        if (o_.log)
-            o_.log("object not read: CKA_ID " + u.id + ", label bytes " + u.label + ": " +
-                   u.reason);
+    if (o_.log)
+        for (const UnreadableObject& u : all.unreadable) o_.log("object not read: " + describe(u));
     std::string problem;
     if (o_.prune) problem = identityProblem(token, session.presentWithIdentity());
     sync(all, token, targets, problem, results);

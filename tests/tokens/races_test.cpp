@@ -21,22 +21,6 @@ using pkcs11::certstoreupdater::TokenSession;
 
 const std::string kNebra = std::string(NEBRA_BINARY_DIR) + "/bin/nebra";
 
-// Destroys the object of class `cls` with this CKA_ID (and this value, when given).
-void destroy(const std::string& label, const std::string& id, CK_OBJECT_CLASS cls,
-             const buffer::Buffer<unsigned char>* value = nullptr) {
-    nebratest::TokenWriter w(SoftHsm::module(), label, "1234");
-    pkcs11::CkAttributes search;
-    search.addUlong(CKA_CLASS, cls).add(CKA_ID, id.data(), id.size());
-    if (value) search.add(CKA_VALUE, value->data(), value->size());
-    CK_OBJECT_HANDLE h = 0;
-    {
-        pkcs11::CkObjectsFinder finder(w.session(), search);
-        ASSERT_TRUE(finder.next(h));
-    }
-    ASSERT_EQ(w.session().functions()->C_DestroyObject(w.session().handle(), h),
-              static_cast<CK_RV>(CKR_OK));
-}
-
 // Two syncs of two tokens holding the same certificates, started together into one store, round
 // after round: each run's listing and token records are taken under the store's lock, so every
 // certificate ends up recording both tokens, and releasing one token leaves the other's.

@@ -29,18 +29,7 @@ TEST_F(TwoTokens, EachTokenKeepsItsOwnCertificates) {
     EXPECT_TRUE(contains(r.out, "0 would add, 2 unchanged, 0 would remove"));
 
     // cardB renewed without its second certificate: prune takes exactly that one away.
-    {
-        nebratest::TokenWriter w(nebratest::SoftHsm::module(), "cardB", "1234");
-        pkcs11::CkAttributes search;
-        search.addUlong(CKA_CLASS, CKO_CERTIFICATE).add(CKA_ID, "\x02", 1);
-        CK_OBJECT_HANDLE h = 0;
-        {
-            pkcs11::CkObjectsFinder finder(w.session(), search);
-            ASSERT_TRUE(finder.next(h));
-        }
-        ASSERT_EQ(w.session().functions()->C_DestroyObject(w.session().handle(), h),
-                  static_cast<CK_RV>(CKR_OK));
-    }
+    destroy("cardB", "\x02", CKO_CERTIFICATE);
     r = nebra("sync --module " + uri("cardB") + " --csp Prov --pin-env PIN --prune --verbose");
     EXPECT_TRUE(contains(r.out, "0 added, 1 unchanged, 1 removed\n  - CKAIDHEX:02  "));
     EXPECT_TRUE(contains(r.out, "record no token and were left alone"));

@@ -99,4 +99,20 @@ inline std::string tokenDir(const nebratest::SoftHsm& hsm, const std::string& la
     return dir.substr(0, dir.find('\n'));
 }
 
+// Destroys the object of class `cls` with this CKA_ID (and this value, when given).
+inline void destroy(const std::string& label, const std::string& id, CK_OBJECT_CLASS cls,
+                    const buffer::Buffer<unsigned char>* value = nullptr) {
+    nebratest::TokenWriter w(nebratest::SoftHsm::module(), label, "1234");
+    pkcs11::CkAttributes search;
+    search.addUlong(CKA_CLASS, cls).add(CKA_ID, id.data(), id.size());
+    if (value) search.add(CKA_VALUE, value->data(), value->size());
+    CK_OBJECT_HANDLE h = 0;
+    {
+        pkcs11::CkObjectsFinder finder(w.session(), search);
+        ASSERT_TRUE(finder.next(h));
+    }
+    ASSERT_EQ(w.session().functions()->C_DestroyObject(w.session().handle(), h),
+              static_cast<CK_RV>(CKR_OK));
+}
+
 }  // namespace tokentest

@@ -74,9 +74,7 @@ int run(const Args& args) {
     const TokenContents all = session->readCertificates();
     const Clock::time_point tokenRead = Clock::now();
     for (const UnreadableObject& u : all.unreadable)
-        std::cerr << "warning: an object of the token was skipped: CKA_ID " << u.id
-                  << ", label bytes " << (u.label.empty() ? "(none)" : u.label) << ": "
-                  << shown(u.reason) << "\n";
+        std::cerr << "warning: an object of the token was skipped: " << shown(describe(u)) << "\n";
 
     std::string problem;
     if (options.prune) problem = SyncEngine::identityProblem(token, session->presentWithIdentity());

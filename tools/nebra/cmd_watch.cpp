@@ -120,7 +120,6 @@ struct Watcher {
     // A token whose slot, or the whole slot list, vanished is kept as present for the grace
     // period: a restarting smart-card service, or a token with a built-in reader that drops its
     // slot for a moment, gives back the same token, which is then neither released nor synced.
-    double graceSeconds;
     std::chrono::steady_clock::duration grace;
     std::map<std::string, std::chrono::steady_clock::time_point> missing;  // by URI: gone since
     Repeats repeats;  // errors that come back at each look: said once a minute
@@ -177,9 +176,7 @@ struct Watcher {
             loginToken(session, args, pins, std::cerr, false, &gStop);
             auto all = std::make_shared<const TokenContents>(session.readCertificates());
             for (const auto& u : all->unreadable)
-                emit("error", t,
-                     "an object of the token was skipped: CKA_ID " + u.id + ", label bytes " +
-                         (u.label.empty() ? "(none)" : u.label) + ": " + u.reason);
+                emit("error", t, "an object of the token was skipped: " + describe(u));
             syncStores(t, *all);
             held[t.uri()] = all;
         } catch (const orvo::GenericEvent& e) {
@@ -313,7 +310,8 @@ struct Watcher {
             if (at - since.first->second < grace) {
                 if (since.second) {
                     std::ostringstream detail;
-                    detail << "gone from the slot list; waiting " << graceSeconds
+                    detail << "gone from the slot list; waiting "
+                           << std::chrono::duration<double>(grace).count()
                            << " s for it to come back";
                     emit("outage", gone.second, detail.str());
                 }
@@ -364,7 +362,6 @@ int run(const Args& args) {
               {},
               false,
               {},
-              0,
               {},
               {},
               {},
@@ -377,9 +374,8 @@ int run(const Args& args) {
         throw UsageError("--on-removal is keep or remove");
     w.removeOnRemoval = onRemoval == "remove";
     const double interval = seconds(args, "interval", "2", 0.05);
-    w.graceSeconds = seconds(args, "grace", "3", 0);
     w.grace = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-        std::chrono::duration<double>(w.graceSeconds));
+        std::chrono::duration<double>(seconds(args, "grace", "3", 0)));
     // An unattended PIN goes to the tokens the user named, never to whatever card is inserted.
     if (pins.unattended() && !args.flag("any-token") &&
         !(w.choice.byUri && !w.choice.uri.path().empty()))

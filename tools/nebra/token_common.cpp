@@ -1,7 +1,6 @@
 #include "tools/nebra/token_common.h"
 
 #include <atomic>
-#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -38,59 +37,34 @@ TokenChoice chooseToken(const Args& args) {
 
 namespace {
 
-// A module path as a URI's module-path value: unreserved characters and '/' as they are.
-std::string uriPath(const std::string& path) {
-    static const char hex[] = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char c : path) {
-        if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~' || c == '/') {
-            out += static_cast<char>(c);
-        } else {
-            out += '%';
-            out += hex[c >> 4];
-            out += hex[c & 15];
-        }
-    }
-    return out;
-}
-
 // Without a URI that names the token, the module must show a single (initialised) token: the PIN
 // is not sent to whichever token happens to sit in the first slot.
-void requireOneToken(const TokenChoice& choice) {
-    pkcs11::Libraries& registry = pkcs11::Libraries::instance();
-    pkcs11::CkLibrary lib = registry.load(choice.module);
-    struct Unload {
-        pkcs11::Libraries& r;
-        const pkcs11::CkLibrary& lib;
-        ~Unload() { r.unload(lib); }
-    } unload{registry, lib};
-    pkcs11::CkSlots slots(lib, true);
+void requireOneToken(const TokenSession& session) {
+    const std::vector<TokenIdentity> tokens = session.presentTokens();
+    if (tokens.size() <= 1) return;
     std::string present;
-    std::size_t count = 0;
-    for (const pkcs11::CkSlot& slot : slots.entries()) {
-        pkcs11::CkTokenInfo info = pkcs11::CkToken(slot).info();
-        if (!(info.flags & CKF_TOKEN_INITIALIZED)) continue;  // blank: nothing to log in to
-        ++count;
-        present += "\n  '" + TokenIdentity::of(info).uri() +
-                   "?module-path=" + uriPath(choice.module) + "'";
-    }
-    if (count > 1)
-        throw UsageError(std::to_string(count) +
-                         " tokens are present and --module names none of them: a PIN goes only "
-                         "to the token a URI names; give --module one of these:" +
-                         present);
+    for (const TokenIdentity& t : tokens)
+        present += "\n  '" + t.uri() + "?module-path=" +
+                   pkcs11::certstoreupdater::percentEncode(session.module(), "/") + "'";
+    throw UsageError(std::to_string(tokens.size()) +
+                     " tokens are present and --module names none of them: a PIN goes only to "
+                     "the token a URI names; give --module one of these:" +
+                     present);
 }
 
 }  // namespace
 
 std::unique_ptr<TokenSession> openToken(const TokenChoice& choice) {
-    if (!choice.byUri || choice.uri.path().empty()) requireOneToken(choice);
+    std::unique_ptr<TokenSession> session;
     try {
-        return std::make_unique<TokenSession>(choice);
+        session = std::make_unique<TokenSession>(choice);
     } catch (const pkcs11::certstoreupdater::CertStoreUpdaterError_TokenNotPresent&) {
         std::cerr << "nebra: " << noTokenReason(choice.module) << "\n";
         throw;
     }
+    // Asked once the module is loaded, so that it is not initialised and finalised once more.
+    if (!choice.byUri || choice.uri.path().empty()) requireOneToken(*session);
+    return session;
 }
 
 namespace {

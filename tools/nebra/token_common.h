@@ -9,6 +9,7 @@
 #include <string>
 
 #include "nebralib/tokensession.h"
+#include "platform/secret.h"
 #include "tools/nebra/cli.h"
 
 namespace nebra {
@@ -36,11 +37,7 @@ public:
     Secret& operator=(const Secret&) = delete;
     std::string& text() { return text_; }
     const std::string& text() const { return text_; }
-    void wipe() {
-        volatile char* p = text_.empty() ? nullptr : &text_[0];
-        for (std::size_t i = 0; i < text_.size(); ++i) p[i] = 0;
-        text_.clear();
-    }
+    void wipe() { platform::secret::wipe(text_); }
 
 private:
     std::string text_;
